@@ -1,0 +1,85 @@
+#pragma once
+
+// The framework's thread service: one worker thread running an event loop of jobs and timers.
+//
+// Handles: every function takes the service handle by value. An empty handle writes the
+// null-object warning naming the function and does nothing else (ids 0, run_once -1,
+// wait false).
+// Re-entrancy: no function calls a job, timer or handler synchronously inside the caller's
+// call, except that a stop callback may run inside kiv_thread_service_stop when the service
+// has already stopped. Callers may therefore hold their own non-recursive locks across them.
+// Lifetime: a service lives until it has stopped and finished; the last handle may be dropped
+// anywhere, also inside its own finish handler.
+
+#include <boost/shared_ptr.hpp>
+
+#include <functional>
+#include <string>
+
+#include "framework/kiv_framework_export.h"
+
+class _kiv_thread_service;
+
+using kiv_thread_service_handle = boost::shared_ptr<_kiv_thread_service>;
+using kiv_thread_service_finish_handler = std::function<void(kiv_thread_service_handle, int)>;
+using kiv_thread_service_join_handler = std::function<bool(kiv_thread_service_handle, int)>;
+using kiv_thread_service_stop_callback = std::function<void(kiv_thread_service_handle)>;
+
+// Creates a service named `name` and starts its worker (thread name from `name`).
+KIV_FRAMEWORK_API kiv_thread_service_handle kiv_thread_service_new(std::string name);
+
+// Called once on the worker after the loop has ended and the stop callbacks have run, with the
+// code given to kiv_thread_service_join (0 otherwise). Replaces an earlier handler.
+KIV_FRAMEWORK_API void kiv_thread_service_on_finished(kiv_thread_service_handle service,
+                                                      kiv_thread_service_finish_handler handler);
+// Called by kiv_thread_service_join on the joining thread; false (or no handler) makes the join
+// stop the service at once.
+KIV_FRAMEWORK_API void kiv_thread_service_set_join_handler(kiv_thread_service_handle service,
+                                                           kiv_thread_service_join_handler handler);
+
+// Requests the stop: jobs queued before it still run, pending timers are cancelled, then the
+// loop ends. `callback` (may be empty) is called once with the service once it has stopped;
+// inside this call when it already has. Work handed over after the stop is released unrun,
+// with a warning line.
+KIV_FRAMEWORK_API void kiv_thread_service_stop(kiv_thread_service_handle service,
+                                               kiv_thread_service_stop_callback callback);
+
+// Runs `job` once on the worker, in FIFO order. `file` and `line` name the caller for the error
+// line written when the job throws.
+KIV_FRAMEWORK_API void kiv_thread_service_exec(kiv_thread_service_handle service,
+                                               std::function<void()> job, std::string file,
+                                               int line);
+// Runs `job` once after `delay_ms` milliseconds (monotonic clock). Equal deadlines run in
+// scheduling order. Returns the timer id: unique per service, never 0.
+KIV_FRAMEWORK_API unsigned long kiv_thread_service_set_timeout(kiv_thread_service_handle service,
+                                                               std::function<void()> job,
+                                                               unsigned long delay_ms,
+                                                               std::string file, int line);
+// Runs `callback` every `interval_ms` milliseconds until it is cleared or returns false.
+KIV_FRAMEWORK_API unsigned long kiv_thread_service_set_interval(kiv_thread_service_handle service,
+                                                                std::function<bool()> callback,
+                                                                unsigned long interval_ms,
+                                                                std::string file, int line);
+// Cancel a timer; also from inside its own callback. Returns whether the id was pending.
+KIV_FRAMEWORK_API bool kiv_thread_service_clear_timeout(kiv_thread_service_handle service,
+                                                        unsigned long timer_id);
+KIV_FRAMEWORK_API bool kiv_thread_service_clear_interval(kiv_thread_service_handle service,
+                                                         unsigned long timer_id);
+
+// Runs, on the calling thread, the jobs queued and timers due at this moment (not those they
+// add), never while the worker runs one. Returns how many ran.
+KIV_FRAMEWORK_API int kiv_thread_service_run_once(kiv_thread_service_handle service);
+
+// --- For hosts: asking services to shut down ---
+
+// The join request: calls the join handler with the service and `code` on this thread; stops
+// the service at once when there is none or it returns false. Does not wait.
+KIV_FRAMEWORK_API void kiv_thread_service_join(kiv_thread_service_handle service, int code);
+// Blocks until the finish handler has returned. true when finished; false on timeout
+// (timeout_ms >= 0) or when called from the service's own worker.
+KIV_FRAMEWORK_API bool kiv_thread_service_wait(kiv_thread_service_handle service,
+                                               long timeout_ms = -1);
+// A live (not yet finished) service of that name, or an empty handle.
+KIV_FRAMEWORK_API kiv_thread_service_handle kiv_thread_service_find(std::string name);
+// Joins every live service with `code` and waits for each to finish. Call before exit.
+KIV_FRAMEWORK_API void kiv_thread_service_join_all(int code);

@@ -1,0 +1,45 @@
+#pragma once
+
+// The process-wide "database" thread service, the live-object list and the registry of open
+// connections by name.
+//
+// kiv_database_init creates the service once (again after it has finished). The scheduling
+// functions forward to the framework's thread service with the current service handle, an
+// empty one before init and after the service has finished (the thread service then warns).
+// Shutdown: when the framework joins the service, it stops at once if no connection object is
+// alive, otherwise when the last one has been destroyed.
+
+#include <boost/shared_ptr.hpp>
+
+#include <functional>
+#include <string>
+
+#include "framework/kiv_object.h"
+#include "kiv_database/kiv_export.h"
+
+class _kiv_sqlite;
+
+KIV_DATABASE_API void kiv_database_init();
+
+// Work on the database worker. `file`/`line` name the caller; delays are milliseconds.
+KIV_DATABASE_API void kiv_database_exec(std::function<void()> job, std::string file, int line);
+KIV_DATABASE_API unsigned long kiv_database_set_timeout(std::function<void()> job, unsigned long delay,
+                                                        std::string file, int line);
+KIV_DATABASE_API unsigned long kiv_database_set_interval(std::function<bool()> callback,
+                                                         unsigned long interval, std::string file,
+                                                         int line);
+KIV_DATABASE_API void kiv_database_clear_timeout(unsigned long timer_id);
+KIV_DATABASE_API void kiv_database_clear_interval(unsigned long timer_id);
+// Runs the due work on the calling thread; the thread service's count, unchanged.
+KIV_DATABASE_API int kiv_database_run_once();
+
+// The open connection registered under `name`, its statement finalized; empty if none.
+KIV_DATABASE_API boost::shared_ptr<_kiv_sqlite> kiv_database_get_sqlite(std::string name);
+
+// --- Internal to the library ---
+// Live-object list: enter once; remove, print the count left, stop when shutdown is pending.
+KIV_DATABASE_LOCAL void kiv_database_ref(boost::shared_ptr<_kiv_object> object);
+KIV_DATABASE_LOCAL void kiv_database_unref(boost::shared_ptr<_kiv_object> object);
+// Registry: enter under the name if it is free; remove whatever is under the name.
+KIV_DATABASE_LOCAL void kiv_database_register_sqlite(boost::shared_ptr<_kiv_sqlite> connection);
+KIV_DATABASE_LOCAL void kiv_database_unregister_sqlite(boost::shared_ptr<_kiv_sqlite> connection);
