@@ -94,7 +94,7 @@ public:
     bool opened = false;             // guarded by `mutex`
 
 private:
-    KIV_DATABASE_LOCAL int open_with(int flags, int line);
+    KIV_DATABASE_LOCAL int open_with(int flags);
     KIV_DATABASE_LOCAL void close_connection(int line);
     KIV_DATABASE_LOCAL void check_db(int line);
     KIV_DATABASE_LOCAL void check_statement(int line);
