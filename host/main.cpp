@@ -1,0 +1,194 @@
+// kiv_host: a host program of the framework that loads libkiv_database.
+//
+//   kiv_host                      demo on ./kiv_demo.db
+//   kiv_host [options] PATH SQL...  run SQL texts on PATH
+//   kiv_host [options] PATH -       run SQL read from standard input
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "demo.h"
+#include "kiv_database/database_service.h"
+#include "session.h"
+#include "sql_text.h"
+
+namespace {
+
+const char* const usage_text =
+    "usage: kiv_host\n"
+    "       kiv_host [--no-create] [--] PATH SQL...\n"
+    "       kiv_host [--no-create] [--] PATH -\n"
+    "       kiv_host --help\n"
+    "\n"
+    "Without arguments, runs the demo on kiv_demo.db in the current directory (created when\n"
+    "missing): inserts 100000 rows with bound parameters in one transaction on the database\n"
+    "worker, then prints the insert rate, a few aggregates and the first rows. Run again, it\n"
+    "replaces the rows of the earlier run and says so.\n"
+    "\n"
+    "With PATH, runs each SQL argument on the database at PATH, in order; with - instead, the\n"
+    "SQL is read from standard input. A text may hold several statements separated by\n"
+    "semicolons; each is prepared and stepped in turn. Rows print as an aligned table under\n"
+    "the column names, followed by the row count; NULL prints as NULL, blobs as X'hex'.\n"
+    "Statements without result columns print nothing.\n"
+    "\n"
+    "PATH is created when it does not exist and its directory does; :memory: opens a private\n"
+    "in-memory database. The first failing statement stops the run: SQLite's error code and\n"
+    "message go to standard error. A missing directory, a PATH that is a directory and a\n"
+    "file that is not a database are reported the same way.\n"
+    "\n"
+    "The library's shutdown lines (DATABASE SERVICE ...) end the output of every run that\n"
+    "reached the database.\n"
+    "\n"
+    "Options:\n"
+    "  -h, --help     print this text and exit\n"
+    "  --no-create    PATH must be an existing database file (opened with try_open)\n"
+    "  --             end of options, for a PATH that begins with -\n"
+    "\n"
+    "Exit status: 0 success, 1 database or SQL error, 2 usage error.\n";
+
+constexpr int exit_ok = 0;
+constexpr int exit_database_error = 1;
+constexpr int exit_usage = 2;
+
+struct options {
+    bool help = false;
+    bool create = true;
+    bool demo = false;
+    std::string path;
+    std::vector<std::string> sql;  // {"-"} means standard input
+};
+
+int usage_error(const std::string& message) {
+    std::cerr << "kiv_host: " << message << "\nTry 'kiv_host --help'." << std::endl;
+    return exit_usage;
+}
+
+// Fills `opts`; returns -1 when the arguments are usable, else the exit status.
+int parse_arguments(int argc, char** argv, options& opts) {
+    int i = 1;
+    if (argc == 1) {
+        opts.demo = true;
+        return -1;
+    }
+    for (; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--") {
+            ++i;
+            break;
+        }
+        if (arg == "-h" || arg == "--help") {
+            opts.help = true;
+            return -1;
+        }
+        if (arg == "--no-create") {
+            opts.create = false;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return usage_error("unknown option '" + arg + "'");
+        } else {
+            break;
+        }
+    }
+    if (i >= argc) return usage_error("no database PATH given");
+    opts.path = argv[i++];
+    if (i >= argc) return usage_error("no SQL given for " + opts.path + " (use - to read standard input)");
+    opts.sql.assign(argv + i, argv + argc);
+    for (const auto& text : opts.sql) {
+        if (text == "-" && opts.sql.size() > 1) return usage_error("- must be the only SQL argument");
+    }
+    return -1;
+}
+
+// Problems with PATH that SQLite would only report vaguely ("unable to open database file"),
+// caught before any connection object exists.
+bool check_path(const options& opts) {
+    if (opts.path.empty() || opts.path == ":memory:") return true;
+    struct stat info {};
+    if (::stat(opts.path.c_str(), &info) == 0) {
+        if (S_ISDIR(info.st_mode)) {
+            std::cerr << "kiv_host: " << opts.path << ": is a directory, not a database file" << std::endl;
+            return false;
+        }
+        return true;
+    }
+    // With --no-create, kiv_sqlite_try_open reports the missing file itself.
+    if (!opts.create) return true;
+    const std::string::size_type slash = opts.path.find_last_of('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : opts.path.substr(0, slash);
+    if (::stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        std::cerr << "kiv_host: " << opts.path << ": directory " << dir << " does not exist" << std::endl;
+        return false;
+    }
+    return true;
+}
+
+int run_sql(const options& opts) {
+    std::vector<std::string> statements;
+    if (opts.sql.size() == 1 && opts.sql[0] == "-") {
+        const std::string text{std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>()};
+        statements = kiv_host::split_statements(text);
+    } else {
+        for (const auto& text : opts.sql) {
+            for (auto& statement : kiv_host::split_statements(text)) statements.push_back(std::move(statement));
+        }
+    }
+
+    kiv_host::connection db(opts.path, "kiv_host");
+    kiv_host::sql_error error;
+    if (!db.open(opts.create, error)) {
+        kiv_host::report_error(opts.path, 0, error);
+        return exit_database_error;
+    }
+    bool first_table = true;
+    for (std::size_t i = 0; i < statements.size(); ++i) {
+        std::unique_ptr<kiv_host::result_table> table;
+        if (!kiv_host::run_statement(db.handle(), statements[i], table, error)) {
+            kiv_host::report_error(opts.path, i + 1, error);
+            return exit_database_error;
+        }
+        if (!table) continue;
+        if (!first_table) std::cout << '\n';
+        first_table = false;
+        table->print(std::cout);
+        std::cout << '(' << table->row_count() << (table->row_count() == 1 ? " row)" : " rows)") << std::endl;
+    }
+    return exit_ok;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    options opts;
+    const int parsed = parse_arguments(argc, argv, opts);
+    if (parsed >= 0) return parsed;
+    if (opts.help) {
+        std::cout << usage_text << std::flush;
+        return exit_ok;
+    }
+    if (!opts.demo && !check_path(opts)) return exit_database_error;
+
+    kiv_database_init();
+    int status = exit_ok;
+    try {
+        // Every connection object lives inside these calls and is destroyed on the way out.
+        status = opts.demo ? kiv_host::run_demo() : run_sql(opts);
+    } catch (const std::exception& e) {
+        std::cout << std::flush;
+        std::cerr << "kiv_host: " << e.what() << std::endl;
+        status = exit_database_error;
+    }
+    if (!kiv_host::shut_down_database_service()) {
+        std::cout << std::flush;
+        std::cerr << "kiv_host: the database service did not finish; a connection object was "
+                     "never released" << std::endl;
+        // The service's worker is still running; leaving through exit() would tear down its
+        // state underneath it.
+        std::_Exit(exit_database_error);
+    }
+    return status;
+}

@@ -1,0 +1,81 @@
+#pragma once
+
+// The host's side of the library: a connection that is always destroyed, statements run into
+// result tables, work handed to the database worker, and the shutdown of the database service.
+
+#include <exception>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kiv_database/database_service.h"
+#include "kiv_database/kiv_sqlite.h"
+#include "result_table.h"
+
+namespace kiv_host {
+
+// A failed SQLite call: SQLite's code and message, and the statement it came from.
+struct sql_error {
+    int code = 0;
+    std::string message;
+    std::string statement;
+};
+
+// Owns one connection object. Dropping a handle would keep the object alive and the database
+// service from stopping, so the destructor hands the object to kiv_sqlite_destroy on every path.
+class connection {
+public:
+    connection(const std::string& path, const std::string& name);
+    ~connection();
+    connection(const connection&) = delete;
+    connection& operator=(const connection&) = delete;
+
+    const kiv_sqlite_handle& handle() const { return handle_; }
+    // Opens with kiv_sqlite_open (create when missing) or kiv_sqlite_try_open (must exist).
+    bool open(bool create, sql_error& error);
+
+private:
+    kiv_sqlite_handle handle_;
+};
+
+// Writes the error to standard error: "kiv_host: PATH: [statement N: ]SQLite error CODE: MESSAGE",
+// then the statement on a line of its own. Standard output is flushed first.
+void report_error(const std::string& path, std::size_t statement_number, const sql_error& error);
+
+// Runs SQL text without a statement (kiv_sqlite_sql_stmt); false with `error` filled on failure.
+bool exec_sql(const kiv_sqlite_handle& db, const std::string& sql, sql_error& error);
+
+// Prepares one statement, steps it to its end and finalizes it. A statement with result
+// columns fills `table` (left empty otherwise). false with `error` filled on failure.
+bool run_statement(const kiv_sqlite_handle& db, const std::string& sql,
+                   std::unique_ptr<result_table>& table, sql_error& error);
+
+// The current row of `db`'s statement as printable cells.
+std::vector<cell> read_row(const kiv_sqlite_handle& db, int columns);
+
+// Runs `work` as a job on the database worker and waits for its result. Exceptions of `work`
+// come back here; std::future_error (broken promise) if the service dropped the job unrun.
+template <typename Result>
+Result run_on_database_worker(std::function<Result()> work, const char* file, int line) {
+    auto done = std::make_shared<std::promise<Result>>();
+    std::future<Result> result = done->get_future();
+    kiv_database_exec(
+        [done, work = std::move(work)] {
+            try {
+                done->set_value(work());
+            } catch (...) {
+                done->set_exception(std::current_exception());
+            }
+        },
+        file, line);
+    return result.get();
+}
+
+// Waits until the destroy jobs posted so far have run, then joins the "database" service and
+// waits for it to finish. false if it does not finish in time (an object was never released).
+bool shut_down_database_service();
+
+}  // namespace kiv_host
