@@ -1,0 +1,440 @@
+// SQLite workloads measured for four contenders side by side:
+//   raw        the SQLite C API, nothing else;
+//   floor      the C API plus what the library's contract makes each call do (sqlite_floor.h);
+//   kiv        libkiv_database through its exported kiv_sqlite_* functions;
+//   sqlitecpp  SQLiteCpp, a C++ wrapper of the usual kind (when it was found at configure time).
+// Every contender has its own in-memory database (":memory:", journal_mode=MEMORY,
+// synchronous=OFF) holding the same 100,000 rows; one iteration is one pass over all of them.
+// The "ns_per_row" counter is what bench/run.sh compares.
+
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bench/sqlite_floor.h"
+#include "framework/kiv_thread_service.h"
+#include "kiv_database/database_service.h"
+#include "kiv_database/kiv_sqlite.h"
+
+#if KIV_BENCH_HAVE_SQLITECPP
+#include <SQLiteCpp/SQLiteCpp.h>
+#endif
+
+namespace {
+
+constexpr int row_count = 100000;
+constexpr int text_size = 20;
+
+const char* const pragmas = "PRAGMA journal_mode=MEMORY; PRAGMA synchronous=OFF;";
+const char* const create_scan = "CREATE TABLE scan(id INTEGER PRIMARY KEY, n INTEGER NOT NULL, v TEXT NOT NULL)";
+const char* const recreate_ins =
+    "DROP TABLE IF EXISTS ins; "
+    "CREATE TABLE ins(id INTEGER PRIMARY KEY, n INTEGER NOT NULL, v TEXT NOT NULL)";
+const char* const insert_scan_sql = "INSERT INTO scan(n, v) VALUES(?, ?)";
+const char* const insert_ins_sql = "INSERT INTO ins(n, v) VALUES(?, ?)";
+const char* const scan_sql = "SELECT n, v FROM scan";
+const char* const point_sql = "SELECT n FROM scan WHERE id = ?";
+
+// The rows every contender inserts and reads back, and the sums that prove a pass read them.
+struct row_data {
+    std::vector<int> numbers;
+    std::vector<std::string> texts;  // 20 bytes each: "row-" and 16 digits
+    std::vector<int> keys;           // 1..row_count in a scattered order
+    long long number_sum = 0;
+    long long scan_sum = 0;
+
+    row_data() {
+        for (int i = 0; i < row_count; ++i) {
+            numbers.push_back(i * 7 + 3);
+            char buffer[32];
+            std::snprintf(buffer, sizeof buffer, "row-%016d", i);
+            texts.emplace_back(buffer, text_size);
+            // 7919 is prime to row_count, so this visits every key once.
+            keys.push_back(static_cast<int>((static_cast<long long>(i) * 7919) % row_count) + 1);
+            number_sum += numbers.back();
+            scan_sum += row_sum(numbers.back(), texts.back());
+        }
+    }
+    static long long row_sum(int n, const std::string& v) {
+        return n + static_cast<long long>(v.size()) + static_cast<unsigned char>(v.back());
+    }
+};
+
+const row_data& rows() {
+    static const row_data data;
+    return data;
+}
+
+// Each contender: insert(sql) fills a table in one transaction and returns the rows inserted;
+// scan(), point_select() and rows_each() return the sum they read (-1 on a SQLite error).
+
+struct raw_contender {
+    sqlite3* db = nullptr;
+
+    raw_contender() {
+        if (sqlite3_open_v2(":memory:", &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr))
+            throw std::runtime_error("raw: cannot open");
+        exec(pragmas);
+        exec(create_scan);
+        if (insert(insert_scan_sql) != row_count) throw std::runtime_error("raw: fill failed");
+    }
+    ~raw_contender() { sqlite3_close(db); }
+    void exec(const char* sql) {
+        if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr)) throw std::runtime_error(sqlite3_errmsg(db));
+    }
+
+    long long insert(const char* sql) {
+        const row_data& data = rows();
+        exec("BEGIN");
+        sqlite3_stmt* stmt = nullptr;
+        sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
+        long long done = 0;
+        for (int i = 0; i < row_count; ++i) {
+            sqlite3_bind_int(stmt, 1, data.numbers[i]);
+            sqlite3_bind_text(stmt, 2, data.texts[i].data(), static_cast<int>(data.texts[i].size()),
+                              SQLITE_TRANSIENT);
+            done += sqlite3_step(stmt) == SQLITE_DONE;
+            sqlite3_reset(stmt);
+        }
+        sqlite3_finalize(stmt);
+        exec("COMMIT");
+        return done;
+    }
+
+    long long scan() {
+        sqlite3_stmt* stmt = nullptr;
+        sqlite3_prepare_v2(db, scan_sql, -1, &stmt, nullptr);
+        long long sum = 0;
+        int rc;
+        while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+            int n = sqlite3_column_int(stmt, 0);
+            const unsigned char* text = sqlite3_column_text(stmt, 1);
+            std::string v(reinterpret_cast<const char*>(text), sqlite3_column_bytes(stmt, 1));
+            sum += row_data::row_sum(n, v);
+        }
+        sqlite3_finalize(stmt);
+        return rc == SQLITE_DONE ? sum : -1;
+    }
+
+    long long point_select() {
+        sqlite3_stmt* stmt = nullptr;
+        sqlite3_prepare_v2(db, point_sql, -1, &stmt, nullptr);
+        long long sum = 0;
+        for (int key : rows().keys) {
+            sqlite3_bind_int(stmt, 1, key);
+            if (sqlite3_step(stmt) == SQLITE_ROW) sum += sqlite3_column_int(stmt, 0);
+            sqlite3_reset(stmt);
+        }
+        sqlite3_finalize(stmt);
+        return sum;
+    }
+
+    // The C API has no row loop of its own: the same loop as scan().
+    long long rows_each() { return scan(); }
+};
+
+struct floor_contender {
+    floor_handle h;
+
+    floor_contender() : h(floor_open(":memory:")) {
+        exec(pragmas);
+        exec(create_scan);
+        if (insert(insert_scan_sql) != row_count) throw std::runtime_error("floor: fill failed");
+    }
+    void exec(const char* sql) {
+        if (floor_sql_stmt(h, sql, nullptr)) throw std::runtime_error("floor: exec failed");
+    }
+
+    long long insert(const char* sql) {
+        const row_data& data = rows();
+        exec("BEGIN");
+        floor_prepare(h, sql);
+        long long done = 0;
+        for (int i = 0; i < row_count; ++i) {
+            floor_bind_int(h, 1, data.numbers[i]);
+            floor_bind_text(h, 2, data.texts[i].data(), data.texts[i].size());
+            done += floor_step(h) == SQLITE_DONE;
+            floor_reset(h);
+        }
+        floor_finalize(h);
+        exec("COMMIT");
+        return done;
+    }
+
+    long long scan() {
+        floor_prepare(h, scan_sql);
+        long long sum = 0;
+        int rc;
+        while ((rc = floor_step(h)) == SQLITE_ROW) {
+            int n = floor_column_int(h, 0);
+            std::string v = floor_column_text(h, 1);
+            sum += row_data::row_sum(n, v);
+        }
+        floor_finalize(h);
+        return rc == SQLITE_DONE ? sum : -1;
+    }
+
+    long long point_select() {
+        floor_prepare(h, point_sql);
+        long long sum = 0;
+        for (int key : rows().keys) {
+            floor_bind_int(h, 1, key);
+            if (floor_step(h) == SQLITE_ROW) sum += floor_column_int(h, 0);
+            floor_reset(h);
+        }
+        floor_finalize(h);
+        return sum;
+    }
+
+    long long rows_each() {
+        floor_prepare(h, scan_sql);
+        long long sum = 0;
+        int rc = floor_rows_each(h, [&sum](floor_handle row, unsigned long) {
+            int n = floor_column_int(row, 0);
+            std::string v = floor_column_text(row, 1);
+            sum += row_data::row_sum(n, v);
+            return true;
+        });
+        floor_finalize(h);
+        return rc == SQLITE_DONE ? sum : -1;
+    }
+};
+
+struct kiv_contender {
+    kiv_sqlite_handle h;
+
+    kiv_contender() : h(kiv_sqlite_new(":memory:", "kiv_bench")) {
+        if (kiv_sqlite_open(h) != SQLITE_OK) throw std::runtime_error("kiv: cannot open");
+        exec(pragmas);
+        exec(create_scan);
+        if (insert(insert_scan_sql) != row_count) throw std::runtime_error("kiv: fill failed");
+    }
+    // The object leaves through the database worker; the service's shutdown waits for it.
+    ~kiv_contender() {
+        kiv_sqlite_finalize(h);
+        kiv_sqlite_destroy(h, __FILE__, __LINE__);
+    }
+    void exec(const char* sql) {
+        if (kiv_sqlite_sql_stmt(h, sql, nullptr)) throw std::runtime_error("kiv: exec failed");
+    }
+
+    long long insert(const char* sql) {
+        const row_data& data = rows();
+        exec("BEGIN");
+        kiv_sqlite_prepare(h, sql);
+        long long done = 0;
+        for (int i = 0; i < row_count; ++i) {
+            kiv_sqlite_bind_int(h, 1, data.numbers[i]);
+            kiv_sqlite_bind_text(h, 2, data.texts[i].data(), data.texts[i].size());
+            done += kiv_sqlite_step(h) == SQLITE_DONE;
+            kiv_sqlite_reset(h);
+        }
+        kiv_sqlite_finalize(h);
+        exec("COMMIT");
+        return done;
+    }
+
+    long long scan() {
+        kiv_sqlite_prepare(h, scan_sql);
+        long long sum = 0;
+        int rc;
+        while ((rc = kiv_sqlite_step(h)) == SQLITE_ROW) {
+            int n = kiv_sqlite_column_int(h, 0);
+            std::string v = kiv_sqlite_column_text(h, 1);
+            sum += row_data::row_sum(n, v);
+        }
+        kiv_sqlite_finalize(h);
+        return rc == SQLITE_DONE ? sum : -1;
+    }
+
+    long long point_select() {
+        kiv_sqlite_prepare(h, point_sql);
+        long long sum = 0;
+        for (int key : rows().keys) {
+            kiv_sqlite_bind_int(h, 1, key);
+            if (kiv_sqlite_step(h) == SQLITE_ROW) sum += kiv_sqlite_column_int(h, 0);
+            kiv_sqlite_reset(h);
+        }
+        kiv_sqlite_finalize(h);
+        return sum;
+    }
+
+    long long rows_each() {
+        kiv_sqlite_prepare(h, scan_sql);
+        long long sum = 0;
+        int rc = kiv_sqlite_rows_each(h, [&sum](kiv_sqlite_handle row, unsigned long) {
+            int n = kiv_sqlite_column_int(row, 0);
+            std::string v = kiv_sqlite_column_text(row, 1);
+            sum += row_data::row_sum(n, v);
+            return true;
+        });
+        kiv_sqlite_finalize(h);
+        return rc == SQLITE_DONE ? sum : -1;
+    }
+};
+
+#if KIV_BENCH_HAVE_SQLITECPP
+struct sqlitecpp_contender {
+    SQLite::Database db{":memory:", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE};
+
+    sqlitecpp_contender() {
+        exec(pragmas);
+        exec(create_scan);
+        if (insert(insert_scan_sql) != row_count) throw std::runtime_error("sqlitecpp: fill failed");
+    }
+    void exec(const char* sql) { db.exec(sql); }
+
+    long long insert(const char* sql) {
+        const row_data& data = rows();
+        SQLite::Transaction transaction(db);
+        SQLite::Statement insert(db, sql);
+        long long done = 0;
+        for (int i = 0; i < row_count; ++i) {
+            insert.bind(1, data.numbers[i]);
+            insert.bind(2, data.texts[i]);
+            done += insert.exec();
+            insert.reset();
+        }
+        transaction.commit();
+        return done;
+    }
+
+    long long scan() {
+        SQLite::Statement query(db, scan_sql);
+        long long sum = 0;
+        while (query.executeStep()) {
+            int n = query.getColumn(0).getInt();
+            std::string v = query.getColumn(1).getString();
+            sum += row_data::row_sum(n, v);
+        }
+        return sum;
+    }
+
+    long long point_select() {
+        SQLite::Statement query(db, point_sql);
+        long long sum = 0;
+        for (int key : rows().keys) {
+            query.bind(1, key);
+            if (query.executeStep()) sum += query.getColumn(0).getInt();
+            query.reset();
+        }
+        return sum;
+    }
+
+    // No row loop with a callback in SQLiteCpp: the same loop as scan().
+    long long rows_each() { return scan(); }
+};
+#endif
+
+// The database service lives from static initialisation to exit. At exit the kiv connection is
+// destroyed first; joining then lets the service finish once the worker has released it.
+class bench_session {
+public:
+    bench_session() { kiv_database_init(); }
+    ~bench_session() {
+        kiv.reset();
+        floor.reset();
+        raw.reset();
+#if KIV_BENCH_HAVE_SQLITECPP
+        sqlitecpp.reset();
+#endif
+        kiv_thread_service_join_all(0);
+    }
+    bench_session(const bench_session&) = delete;
+    bench_session& operator=(const bench_session&) = delete;
+
+    std::unique_ptr<raw_contender> raw;
+    std::unique_ptr<floor_contender> floor;
+    std::unique_ptr<kiv_contender> kiv;
+#if KIV_BENCH_HAVE_SQLITECPP
+    std::unique_ptr<sqlitecpp_contender> sqlitecpp;
+#endif
+};
+
+bench_session session;
+
+template <class C>
+C& lazily(std::unique_ptr<C>& slot) {
+    if (!slot) slot.reset(new C);
+    return *slot;
+}
+raw_contender& contender(raw_contender*) { return lazily(session.raw); }
+floor_contender& contender(floor_contender*) { return lazily(session.floor); }
+kiv_contender& contender(kiv_contender*) { return lazily(session.kiv); }
+#if KIV_BENCH_HAVE_SQLITECPP
+sqlitecpp_contender& contender(sqlitecpp_contender*) { return lazily(session.sqlitecpp); }
+#endif
+
+void count_rows(benchmark::State& state) {
+    state.SetItemsProcessed(state.iterations() * row_count);
+    // Inverted rate of row_count / 1e9 per iteration: nanoseconds per row.
+    state.counters["ns_per_row"] = benchmark::Counter(
+        row_count / 1e9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+enum class workload { insert, scan, point_select, rows_each };
+
+template <class C, workload W>
+void bm_sqlite(benchmark::State& state) {
+    try {
+        C& c = contender(static_cast<C*>(nullptr));
+        const long long expected = W == workload::insert       ? row_count
+                                   : W == workload::point_select ? rows().number_sum
+                                                                 : rows().scan_sum;
+        for (auto _ : state) {
+            long long got = 0;
+            if (W == workload::insert) {
+                state.PauseTiming();
+                c.exec(recreate_ins);
+                state.ResumeTiming();
+                got = c.insert(insert_ins_sql);
+            } else if (W == workload::scan) {
+                got = c.scan();
+            } else if (W == workload::point_select) {
+                got = c.point_select();
+            } else {
+                got = c.rows_each();
+            }
+            if (got != expected) {
+                state.SkipWithError("wrong result: the pass did not read every row");
+                break;
+            }
+        }
+    } catch (const std::exception& e) {
+        state.SkipWithError(e.what());
+    }
+    count_rows(state);
+}
+
+template <class C, workload W>
+void add(const std::string& prefix, const char* contender_name) {
+    benchmark::RegisterBenchmark((prefix + contender_name).c_str(), bm_sqlite<C, W>)
+        ->Unit(benchmark::kMillisecond);
+}
+
+// Contenders of one workload next to each other, so that they run close together in time.
+template <workload W>
+void register_workload(const char* name) {
+    const std::string prefix = std::string("BM_Sqlite_") + name + "/";
+    add<raw_contender, W>(prefix, "raw");
+    add<floor_contender, W>(prefix, "floor");
+    add<kiv_contender, W>(prefix, "kiv");
+#if KIV_BENCH_HAVE_SQLITECPP
+    add<sqlitecpp_contender, W>(prefix, "sqlitecpp");
+#endif
+}
+
+const bool registered = [] {
+    register_workload<workload::insert>("insert");
+    register_workload<workload::scan>("scan");
+    register_workload<workload::point_select>("point_select");
+    register_workload<workload::rows_each>("rows_each");
+    return true;
+}();
+
+}  // namespace
