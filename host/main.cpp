@@ -144,6 +144,13 @@ int run_sql(const options& opts) {
         kiv_host::report_error(opts.path, 0, error);
         return exit_database_error;
     }
+    // SQLite reads the file lazily; touching the schema now reports a file that is not a
+    // database before any statement runs, even one like "SELECT 1" that never reads the file.
+    if (!kiv_host::exec_sql(db.handle(), "SELECT count(*) FROM sqlite_master", error)) {
+        error.statement.clear();
+        kiv_host::report_error(opts.path, 0, error);
+        return exit_database_error;
+    }
     bool first_table = true;
     for (std::size_t i = 0; i < statements.size(); ++i) {
         std::unique_ptr<kiv_host::result_table> table;
