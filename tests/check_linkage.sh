@@ -28,7 +28,7 @@ for fn in kiv_sqlite_new kiv_sqlite_get_name kiv_sqlite_open kiv_sqlite_try_open
           kiv_sqlite_is_column_blob kiv_sqlite_is_column_int kiv_sqlite_is_column_double \
           kiv_sqlite_free kiv_sqlite_errstr kiv_sqlite_last_error_code \
           kiv_sqlite_last_error_message; do
-  if ! echo "$exports" | grep -q "^$fn("; then
+  if ! echo "$exports" | grep -qE "^$fn(\(|\[abi)"; then
     echo "FAIL: $fn is not exported"; fail=1
   fi
 done
