@@ -41,7 +41,7 @@ for fn in kiv_database_ref kiv_database_unref kiv_database_register_sqlite \
 done
 # Nothing but the API, the class (constructor, virtuals, vtable, typeinfo) and C++ runtime bits.
 stray=$(echo "$exports" | grep -v -e '^kiv_' -e '_kiv_sqlite' -e '^_init$' -e '^_fini$' \
-        -e '^boost::' -e '^typeinfo' -e '^vtable' -e '^guard variable' -e '^std::' -e '^void boost::' \
+        -e '^boost::' -e '^typeinfo' -e '^vtable' -e '^guard variable' -e '^std::' -e '^[a-z* ]*std::' -e '^void boost::' \
         -e '^__' || true)
 if [ -n "$stray" ]; then
   echo "FAIL: unexpected exports:"; echo "$stray"; fail=1
