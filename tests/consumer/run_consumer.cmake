@@ -1,0 +1,122 @@
+# Test driver, run with cmake -P:
+#   MODE=install    install BUILD_DIR into PREFIX (fresh) and check the layout
+#   MODE=cmake      build the README example in WORK with find_package(kiv_database), run it
+#   MODE=pkgconfig  build it with the compiler and `pkg-config --cflags --libs`, run it
+# Other variables: PREFIX, LIBDIR (relative to PREFIX), WORK, README, SOURCE_DIR, CXX.
+cmake_minimum_required(VERSION 3.16)
+include(${CMAKE_CURRENT_LIST_DIR}/extract_example.cmake)
+
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    string(REPLACE ";" " " shown "${ARGN}")
+    message(FATAL_ERROR "failed (${rc}): ${shown}\n${out}\n${err}")
+  endif()
+endfunction()
+
+# Byte for byte against the README's output block, except that the destroy job's count line and
+# the join request's line come from two threads and may appear in either order.
+function(check_output program workdir)
+  file(MAKE_DIRECTORY ${workdir})
+  execute_process(COMMAND ${program} WORKING_DIRECTORY ${workdir} TIMEOUT 120
+    RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0 OR NOT err STREQUAL "")
+    message(FATAL_ERROR "${program}: exit ${rc}\nstdout:\n${out}\nstderr:\n${err}")
+  endif()
+  kiv_readme_block("${README}" example-output expected)
+  set(unordered "left objects in database reference count: 0" "DATABASE SERVICE SHOT DONW REQUEST")
+  string(REPLACE "\n" ";" want_lines "${expected}")
+  string(REPLACE "\n" ";" got_lines "${out}")
+  list(LENGTH want_lines want_count)
+  list(LENGTH got_lines got_count)
+  set(ok TRUE)
+  if(NOT want_count EQUAL got_count)
+    set(ok FALSE)
+  else()
+    math(EXPR last "${want_count} - 1")
+    foreach(i RANGE ${last})
+      list(GET want_lines ${i} want)
+      list(GET got_lines ${i} got)
+      if(want IN_LIST unordered)
+        if(NOT got IN_LIST unordered)
+          set(ok FALSE)
+        endif()
+      elseif(NOT got STREQUAL want)
+        set(ok FALSE)
+      endif()
+    endforeach()
+  endif()
+  foreach(line IN LISTS unordered)
+    string(REPLACE "\n" ";" all_lines "${out}")
+    list(FILTER all_lines INCLUDE REGEX "^${line}$")
+    list(LENGTH all_lines n)
+    if(NOT n EQUAL 1)
+      set(ok FALSE)
+    endif()
+  endforeach()
+  if(NOT ok)
+    message(FATAL_ERROR "${program}: output differs from README.md\nexpected:\n${expected}\ngot:\n${out}")
+  endif()
+  # The library takes the framework and SQLite from the program: both must be NEEDED by it.
+  find_program(READELF readelf)
+  if(READELF)
+    execute_process(COMMAND ${READELF} -d ${program} OUTPUT_VARIABLE dynamic)
+    foreach(lib libkiv_database libkiv_framework libsqlite3)
+      if(NOT dynamic MATCHES "NEEDED[^\n]*${lib}\\.so")
+        message(FATAL_ERROR "${program} does not name ${lib} as NEEDED:\n${dynamic}")
+      endif()
+    endforeach()
+  endif()
+endfunction()
+
+if(MODE STREQUAL "install")
+  file(REMOVE_RECURSE ${PREFIX})
+  run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${PREFIX})
+  foreach(f
+      ${LIBDIR}/libkiv_database.so ${LIBDIR}/libkiv_framework.so
+      include/kiv_database/kiv_sqlite.h include/kiv_database/database_service.h
+      include/kiv_database/kiv_export.h include/framework/kiv_object.h
+      include/framework/kiv_thread_service.h include/framework/kiv_assertion.h
+      include/framework/kiv_framework_export.h
+      ${LIBDIR}/cmake/kiv_database/kiv_databaseConfig.cmake
+      ${LIBDIR}/cmake/kiv_database/kiv_databaseConfigVersion.cmake
+      ${LIBDIR}/pkgconfig/kiv_database.pc)
+    if(NOT EXISTS ${PREFIX}/${f})
+      message(FATAL_ERROR "not installed: ${PREFIX}/${f}")
+    endif()
+  endforeach()
+  if(EXISTS ${PREFIX}/include/framework/kiv_console.h)
+    message(FATAL_ERROR "the framework's private kiv_console.h was installed")
+  endif()
+elseif(MODE STREQUAL "cmake")
+  file(REMOVE_RECURSE ${WORK})
+  run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK}/build -DCMAKE_BUILD_TYPE=Release
+      -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_PREFIX_PATH=${PREFIX} -DKIV_README=${README})
+  # Found in the fresh prefix, not elsewhere.
+  file(STRINGS ${WORK}/build/CMakeCache.txt found REGEX "^kiv_database_DIR:")
+  if(NOT found STREQUAL "kiv_database_DIR:PATH=${PREFIX}/${LIBDIR}/cmake/kiv_database")
+    message(FATAL_ERROR "kiv_database found elsewhere: ${found}")
+  endif()
+  run(${CMAKE_COMMAND} --build ${WORK}/build)
+  check_output(${WORK}/build/consumer ${WORK}/run)
+elseif(MODE STREQUAL "pkgconfig")
+  file(REMOVE_RECURSE ${WORK})
+  kiv_readme_block("${README}" example code)
+  file(WRITE ${WORK}/main.cpp "${code}")
+  set(ENV{PKG_CONFIG_PATH} ${PREFIX}/${LIBDIR}/pkgconfig)
+  find_program(PKG_CONFIG pkg-config REQUIRED)
+  execute_process(COMMAND ${PKG_CONFIG} --cflags --libs kiv_database
+    RESULT_VARIABLE rc OUTPUT_VARIABLE flags ERROR_VARIABLE err OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "pkg-config kiv_database failed: ${err}")
+  endif()
+  if(NOT flags MATCHES "-Wl,--no-as-needed .*-lkiv_database.*-lkiv_framework.*-lsqlite3")
+    message(FATAL_ERROR "pkg-config flags lack --no-as-needed before the libraries: ${flags}")
+  endif()
+  separate_arguments(flags UNIX_COMMAND "${flags}")
+  run(${CXX} -std=c++17 -Wall -Wextra -Wpedantic ${WORK}/main.cpp ${flags} -o ${WORK}/consumer)
+  set(ENV{LD_LIBRARY_PATH} ${PREFIX}/${LIBDIR})
+  check_output(${WORK}/consumer ${WORK}/run)
+else()
+  message(FATAL_ERROR "MODE must be install, cmake or pkgconfig")
+endif()
