@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <iomanip>
 #include <iostream>
+#include <sstream>
 
 #include "session.h"
 
@@ -46,7 +47,7 @@ insert_outcome insert_rows(const kiv_sqlite_handle& db) {
         return fail(count_sql);
     out.replaced = kiv_sqlite_column_int64(db, 0);
     kiv_sqlite_finalize(db);
-    if (out.replaced > 0 && !exec_sql(db, "DELETE FROM readings", out.error)) return fail("");
+    if (out.replaced > 0 && !exec_sql(db, "DELETE FROM readings", out.error)) return fail("DELETE FROM readings");
 
     const std::string insert_sql =
         "INSERT INTO readings(id, sensor, value, payload) VALUES (?1, ?2, ?3, ?4)";
@@ -117,10 +118,11 @@ int demo_on(connection& db) {
         std::cout << "no earlier rows: table readings filled\n";
     }
     const double rate = inserted.seconds > 0.0 ? static_cast<double>(demo_rows) / inserted.seconds : 0.0;
-    std::cout << "inserted " << demo_rows << " rows in one transaction on the database worker: "
-              << std::fixed << std::setprecision(3) << inserted.seconds << " s, "
-              << std::setprecision(0) << rate << " rows/s\n"
-              << std::defaultfloat << std::flush;
+    std::ostringstream line;
+    line << "inserted " << demo_rows << " rows in one transaction on the database worker: "
+         << std::fixed << std::setprecision(3) << inserted.seconds << " s, " << std::setprecision(0)
+         << rate << " rows/s";
+    std::cout << line.str() << std::endl;
 
     if (!print_query(db.handle(),
                      "SELECT count(*) AS rows, count(DISTINCT sensor) AS sensors, "

@@ -61,6 +61,11 @@ demo)
   MASK_RATE=1 expect "first demo run" 0 "$(demo_out 'no earlier rows: table readings filled')" "" --
   MASK_RATE=1 expect "second demo run" 0 "$(demo_out 'earlier run found: its 100000 rows replaced')" "" --
   [ -f kiv_demo.db ] || { echo "demo: kiv_demo.db was not created"; failures=$((failures + 1)); }
+  # A kiv_demo.db that is not a database: SQLite's error, exit status 1, a clean shutdown.
+  printf 'not a database, just text long enough to fill a database header\n' >kiv_demo.db
+  expect "demo on a non-database file" 1 "kiv_host demo on kiv_demo.db
+$shutdown_lines" "kiv_host: kiv_demo.db: SQLite error 26: file is not a database
+  in: CREATE TABLE IF NOT EXISTS readings(id INTEGER PRIMARY KEY, sensor TEXT NOT NULL, value REAL NOT NULL, payload BLOB)" --
   ;;
 sql)
   # Several statements per argument; semicolons inside strings, comments and a trigger body;
