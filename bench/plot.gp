@@ -48,7 +48,8 @@ if (service) {
     set xlabel "benchmark"
     set origin 0, 0; set size 0.5, 0.42
     m = columns(rate)
-    set title "Thread service: throughput"
+    set xrange [-0.6:rows(rate) - 0.4]
+    set title "Thread service: exec throughput"
     set ylabel "million jobs per second (higher is better)"
     plot for [i=2:m+1] rate using i:xtic(1) title columnhead(i) lc rgb word(colours, i-1), \
          for [i=2:m+1] rate using ($0 + shift(i-1, m)):(column(i)):(sprintf("%.2f", column(i))) \
@@ -60,7 +61,8 @@ if (service) {
     set ylabel "microseconds late (lower is better)"
     set boxwidth 1.0 / (m + 1) absolute
     set xrange [-0.5:rows(late50) - 0.5]
-    plot for [i=2:m+1] late99 using ($0 + shift(i-1, m)):(column(i)):xtic(1) with boxes \
+    plot late99 using 0:(0):xtic(1) with points ps 0 notitle, \
+         for [i=2:m+1] late99 using ($0 + shift(i-1, m)):(column(i)) with boxes \
              title columnhead(i)." p99" lc rgb word(colours, i-1) fs transparent solid 0.3, \
          for [i=2:m+1] late50 using ($0 + shift(i-1, m)):(column(i)) with boxes \
              title columnhead(i)." median" lc rgb word(colours, i-1), \

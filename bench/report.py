@@ -46,9 +46,9 @@ def medians(benchmarks):
 
 
 def split_name(name, prefix):
-    rest = name[len(prefix):]
-    group, _, variant = rest.partition("/")
-    return group, variant
+    """'BM_x_group/variant/iterations:5/real_time' -> ('group', 'variant')."""
+    parts = name[len(prefix):].split("/")
+    return parts[0], (parts[1] if len(parts) > 1 and ":" not in parts[1] else "")
 
 
 def sqlite_table(runs):
@@ -68,7 +68,7 @@ def service_rows(runs):
             continue
         group, variant = split_name(name, SERVICE_PREFIX)
         rows.append((group, variant, {k: fields[k] for k in SERVICE_COUNTERS if k in fields}))
-    return rows
+    return sorted(rows, key=lambda r: (r[0], r[1] != "kiv", r[1]))
 
 
 def ratio(a, b):
@@ -148,6 +148,38 @@ def write_plot_data(table, rows, directory):
         f.write(" ".join(v or "-" for v in variants) + "\n")
 
 
+def load_callgrind(json_path):
+    """Instructions per row from bench/callgrind.py, if it ran on the binary that made json_path."""
+    directory = os.path.dirname(os.path.abspath(json_path))
+    path = os.path.join(directory, "bench_callgrind.json")
+    binary = os.path.join(directory, "kiv_bench")
+    if not os.path.exists(path):
+        return {}
+    if os.path.exists(binary) and os.path.getmtime(path) < os.path.getmtime(binary):
+        return {}  # counted on an older build
+    with open(path) as f:
+        return json.load(f).get("instructions_per_row", {})
+
+
+def callgrind_lines(counts, markdown):
+    head = ["workload", "raw", "floor", "kiv", "kiv/floor"]
+    lines = []
+    if markdown:
+        lines.append("| instructions per row | raw | floor | kiv | kiv/floor |")
+        lines.append("|---|---:|---:|---:|---:|")
+    else:
+        lines.append(f"{head[0]:<14}" + "".join(f"{h:>14}" for h in head[1:]))
+    for w in [w for w in WORKLOADS if w in counts]:
+        by = counts[w]
+        cells = [fmt(by.get(c), 0) for c in ("raw", "floor", "kiv")]
+        cells.append(fmt(ratio(by.get("kiv"), by.get("floor")), 3))
+        if markdown:
+            lines.append("| " + " | ".join([w.replace("_", " ")] + cells) + " |")
+        else:
+            lines.append(f"{w:<14}" + "".join(f"{c:>14}" for c in cells))
+    return lines
+
+
 def machine_line(context):
     cpus = context.get("num_cpus", os.cpu_count())
     mhz = context.get("mhz_per_cpu")
@@ -170,32 +202,49 @@ def machine_line(context):
     return ", ".join(parts)
 
 
-def readme_block(table, rows, context, repetitions):
+def readme_block(table, rows, counts, context, repetitions):
     lines = [
-        "## Benchmarks",
+        f"Measured {machine_line(context)}; medians of {repetitions} short repetitions, all "
+        "contenders interleaved at random in one process (`sh bench/run.sh build --callgrind`). "
+        "The machine is shared: other people's builds ran alongside, so single figures move by "
+        "tens of percent between runs, while the ratios of one run hold much better.",
         "",
-        f"Measured with `make bench` ({machine_line(context)}); medians of {repetitions} "
-        "repetitions, contenders interleaved in one process. Each SQLite figure is nanoseconds "
-        "per row over 100,000 rows of an integer and a 20-byte text, in an in-memory database "
-        "(`journal_mode=MEMORY`, `synchronous=OFF`) of its own per contender. *raw* is the SQLite "
-        "C API; *floor* is the C API plus what the library's interface makes every call do (the "
-        "handle copied into an exported function, the checks handed to the assertion function "
-        "with their strings built per call); *kiv* is this library; *SQLiteCpp* a C++ wrapper of "
-        "the usual kind. kiv/floor is the library's own overhead; the target is at most "
-        f"{FLOOR_TARGET:.2f}.",
+        "SQLite, nanoseconds per row: 100,000 rows of an integer and a 20-byte text, each "
+        "contender with an in-memory database of its own (`:memory:`, `journal_mode=MEMORY`, "
+        "`synchronous=OFF`). *raw* is the SQLite C API; *floor* is the C API plus exactly what "
+        "this library's interface makes each call do (the handle copied into a function of a "
+        "shared library, every check handed to `kiv_assertion_faild` with its three strings "
+        "built for the call, a new handle per row for the row callback), so kiv/floor is the "
+        "library's own overhead (target: at most "
+        f"{FLOOR_TARGET:.2f}); *SQLiteCpp* is a C++ wrapper of the usual kind.",
         "",
     ]
     lines += sqlite_lines(table, markdown=True)
     lines += [
         "",
-        "Workloads: *insert* binds an integer and a text, steps and resets per row in one "
-        "transaction; *scan* steps through the table reading both columns (the text as a "
-        "`std::string`); *point select* binds a key, steps, reads one column and resets, keys in "
-        "scattered order; *rows each* is the scan through `kiv_sqlite_rows_each` (raw and "
-        "SQLiteCpp have no row callback and run the plain loop).",
+        "*insert*: bind an integer and a text, step, reset, per row, in one transaction into an "
+        "empty table; *scan*: step through the table reading both columns, the text as a "
+        "`std::string`; *point select*: bind a key, step, read one column, reset, keys in "
+        "scattered order; *rows each*: the scan through `kiv_sqlite_rows_each` (raw and "
+        "SQLiteCpp have no row callback and run their plain loop). Most of the distance to raw is "
+        "the checks: four per row, each building two strings too long for the short-string "
+        "buffer.",
         "",
     ]
+    if counts:
+        lines += [
+            "Instructions per row counted by callgrind (`bench/callgrind.py`), which the load of "
+            "the machine cannot disturb:",
+            "",
+        ]
+        lines += callgrind_lines(counts, markdown=True)
+        lines.append("")
     if rows:
+        lines += [
+            "Thread service against Boost.Asio's `io_context` (one worker each), same run: job "
+            "throughput and how late 1 ms timers fire.",
+            "",
+        ]
         lines += service_lines(rows, markdown=True)
         lines.append("")
     lines += ["![benchmark chart](docs/bench.png)", ""]
@@ -227,6 +276,7 @@ def main():
     table = sqlite_table(runs)
     rows = service_rows(runs)
     repetitions = max((r["repetitions"] for r in runs.values()), default=0)
+    counts = load_callgrind(args.json)
 
     print(f"ns per row (median of {repetitions}), ratios of kiv to the others:")
     print("\n".join(sqlite_lines(table, markdown=False)))
@@ -238,13 +288,17 @@ def main():
                      if b.get("error_occurred")})
     for name in errors:
         print(f"failed: {name}")
+    if counts:
+        print()
+        print("instructions per row (callgrind):")
+        print("\n".join(callgrind_lines(counts, markdown=False)))
     if rows:
         print()
         print("\n".join(service_lines(rows, markdown=False)))
     if args.plot_dir:
         write_plot_data(table, rows, args.plot_dir)
     if args.readme:
-        replace_readme(args.readme, readme_block(table, rows, data.get("context", {}), repetitions))
+        replace_readme(args.readme, readme_block(table, rows, counts, data.get("context", {}), repetitions))
     return 1 if errors else 0
 
 

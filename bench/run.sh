@@ -1,15 +1,25 @@
 #!/bin/sh
-# Runs every benchmark of kiv_bench once (repetitions interleaved at random), keeps the JSON in
-# <build>/bench.json, prints the SQLite and thread-service tables and draws docs/bench.png.
-#   sh bench/run.sh [build-dir] [extra kiv_bench flags...]
-# KIV_BENCH_REPETITIONS (default 5) sets the repetitions; --readme updates README.md too.
+# Runs every benchmark of kiv_bench once (short repetitions interleaved at random), keeps the
+# JSON in <build>/bench.json, prints the SQLite and thread-service tables and draws
+# docs/bench.png.
+#   sh bench/run.sh [build-dir] [--callgrind] [--readme] [kiv_bench flags...]
+# --callgrind  also counts instructions per row under valgrind (about two minutes more)
+# --readme     writes the tables into README.md between the bench markers
+# KIV_BENCH_REPETITIONS (default 15) sets the repetitions.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=${1:-build}
-[ $# -gt 0 ] && shift
+build=build
+case ${1:-} in -*|"") ;; *) build=$1; shift ;; esac
 case $build in /*) ;; *) build="$root/$build" ;; esac
 readme=""
-if [ "${1:-}" = "--readme" ]; then readme="--readme $root/README.md"; shift; fi
+callgrind=0
+while [ $# -gt 0 ]; do
+  case $1 in
+    --readme) readme="--readme $root/README.md"; shift ;;
+    --callgrind) callgrind=1; shift ;;
+    *) break ;;
+  esac
+done
 
 bench="$build/kiv_bench"
 if [ ! -x "$bench" ]; then
@@ -17,11 +27,16 @@ if [ ! -x "$bench" ]; then
   exit 1
 fi
 
+echo "machine: $(nproc) CPUs, load average $(cut -d' ' -f1-3 /proc/loadavg)"
 "$bench" --benchmark_out="$build/bench.json" --benchmark_out_format=json \
-  --benchmark_repetitions="${KIV_BENCH_REPETITIONS:-5}" \
+  --benchmark_repetitions="${KIV_BENCH_REPETITIONS:-15}" \
   --benchmark_enable_random_interleaving=true \
   --benchmark_display_aggregates_only=true "$@"
 echo
+if [ $callgrind = 1 ]; then
+  python3 "$root/bench/callgrind.py" "$build"
+  echo
+fi
 status=0
 # shellcheck disable=SC2086
 python3 "$root/bench/report.py" "$build/bench.json" --plot-dir "$build" $readme || status=$?

@@ -75,6 +75,10 @@ const row_data& rows() {
     return data;
 }
 
+// One pass stays out of line, so that a profile (valgrind --tool=callgrind) shows each
+// contender's passes as functions of their own.
+#define PASS [[gnu::noinline]]
+
 // Each contender: insert(sql) fills a table in one transaction and returns the rows inserted;
 // scan(), point_select() and rows_each() return the sum they read (-1 on a SQLite error).
 
@@ -94,7 +98,7 @@ struct raw_contender {
         if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr)) throw std::runtime_error(sqlite3_errmsg(db));
     }
 
-    long long insert(const char* sql) {
+    PASS long long insert(const char* sql) {
         const row_data& data = rows();
         exec("BEGIN");
         sqlite3_stmt* stmt = nullptr;
@@ -112,7 +116,7 @@ struct raw_contender {
         return done;
     }
 
-    long long scan() {
+    PASS long long scan() {
         sqlite3_stmt* stmt = nullptr;
         sqlite3_prepare_v2(db, scan_sql, -1, &stmt, nullptr);
         long long sum = 0;
@@ -127,7 +131,7 @@ struct raw_contender {
         return rc == SQLITE_DONE ? sum : -1;
     }
 
-    long long point_select() {
+    PASS long long point_select() {
         sqlite3_stmt* stmt = nullptr;
         sqlite3_prepare_v2(db, point_sql, -1, &stmt, nullptr);
         long long sum = 0;
@@ -141,7 +145,7 @@ struct raw_contender {
     }
 
     // The C API has no row loop of its own: the same loop as scan().
-    long long rows_each() { return scan(); }
+    PASS long long rows_each() { return scan(); }
 };
 
 struct floor_contender {
@@ -157,7 +161,7 @@ struct floor_contender {
         if (floor_sql_stmt(h, sql, nullptr)) throw std::runtime_error("floor: exec failed");
     }
 
-    long long insert(const char* sql) {
+    PASS long long insert(const char* sql) {
         const row_data& data = rows();
         exec("BEGIN");
         floor_prepare(h, sql);
@@ -173,7 +177,7 @@ struct floor_contender {
         return done;
     }
 
-    long long scan() {
+    PASS long long scan() {
         floor_prepare(h, scan_sql);
         long long sum = 0;
         int rc;
@@ -186,7 +190,7 @@ struct floor_contender {
         return rc == SQLITE_DONE ? sum : -1;
     }
 
-    long long point_select() {
+    PASS long long point_select() {
         floor_prepare(h, point_sql);
         long long sum = 0;
         for (int key : rows().keys) {
@@ -198,7 +202,7 @@ struct floor_contender {
         return sum;
     }
 
-    long long rows_each() {
+    PASS long long rows_each() {
         floor_prepare(h, scan_sql);
         long long sum = 0;
         int rc = floor_rows_each(h, [&sum](floor_handle row, unsigned long) {
@@ -231,7 +235,7 @@ struct kiv_contender {
         if (kiv_sqlite_sql_stmt(h, sql, nullptr)) throw std::runtime_error("kiv: exec failed");
     }
 
-    long long insert(const char* sql) {
+    PASS long long insert(const char* sql) {
         const row_data& data = rows();
         exec("BEGIN");
         kiv_sqlite_prepare(h, sql);
@@ -247,7 +251,7 @@ struct kiv_contender {
         return done;
     }
 
-    long long scan() {
+    PASS long long scan() {
         kiv_sqlite_prepare(h, scan_sql);
         long long sum = 0;
         int rc;
@@ -260,7 +264,7 @@ struct kiv_contender {
         return rc == SQLITE_DONE ? sum : -1;
     }
 
-    long long point_select() {
+    PASS long long point_select() {
         kiv_sqlite_prepare(h, point_sql);
         long long sum = 0;
         for (int key : rows().keys) {
@@ -272,7 +276,7 @@ struct kiv_contender {
         return sum;
     }
 
-    long long rows_each() {
+    PASS long long rows_each() {
         kiv_sqlite_prepare(h, scan_sql);
         long long sum = 0;
         int rc = kiv_sqlite_rows_each(h, [&sum](kiv_sqlite_handle row, unsigned long) {
@@ -298,7 +302,7 @@ struct sqlitecpp_contender {
     }
     void exec(const char* sql) { db.exec(sql); }
 
-    long long insert(const char* sql) {
+    PASS long long insert(const char* sql) {
         const row_data& data = rows();
         SQLite::Transaction transaction(db);
         SQLite::Statement insert(db, sql);
@@ -313,7 +317,7 @@ struct sqlitecpp_contender {
         return done;
     }
 
-    long long scan() {
+    PASS long long scan() {
         SQLite::Statement query(db, scan_sql);
         long long sum = 0;
         while (query.executeStep()) {
@@ -324,7 +328,7 @@ struct sqlitecpp_contender {
         return sum;
     }
 
-    long long point_select() {
+    PASS long long point_select() {
         SQLite::Statement query(db, point_sql);
         long long sum = 0;
         for (int key : rows().keys) {
@@ -336,7 +340,7 @@ struct sqlitecpp_contender {
     }
 
     // No row loop with a callback in SQLiteCpp: the same loop as scan().
-    long long rows_each() { return scan(); }
+    PASS long long rows_each() { return scan(); }
 };
 #endif
 
@@ -422,8 +426,12 @@ void bm_sqlite(benchmark::State& state) {
 
 template <class C, workload W>
 void add(const std::string& prefix, const char* contender_name) {
+    // Short repetitions (one to a few passes each), interleaved at random by bench/run.sh: on a
+    // shared machine the load of others comes and goes within seconds, and many short samples
+    // spread it evenly over the contenders.
     benchmark::RegisterBenchmark((prefix + contender_name).c_str(), bm_sqlite<C, W>)
-        ->Unit(benchmark::kMillisecond);
+        ->Unit(benchmark::kMillisecond)
+        ->MinTime(0.05);
 }
 
 // Contenders of one workload next to each other, so that they run close together in time.

@@ -1,0 +1,80 @@
+#!/usr/bin/env python3
+"""Counts the instructions per row of the SQLite workloads under valgrind's callgrind.
+
+Instruction counts do not depend on the load of the machine, so they back the timed ratios
+with a figure that a busy machine cannot disturb: each contender's pass (the out-of-line
+insert, scan, point_select and rows_each of bench/sqlite_bench.cpp) is counted inclusively
+and divided by its calls and the 100,000 rows of a pass. Writes <build>/bench_callgrind.json.
+"""
+
+import argparse
+import json
+import os
+import re
+import subprocess
+import sys
+
+ROWS = 100000
+CONTENDERS = ["raw", "floor", "kiv"]
+WORKLOADS = ["insert", "scan", "point_select", "rows_each"]
+PASS = re.compile(r"\(anonymous namespace\)::(raw|floor|kiv)_contender::"
+                  r"(insert|scan|point_select|rows_each)\((?:char const\*)?\)(?: \[clone [^]]*\])* \[")
+COST = re.compile(r"^\s*([\d,]+)\s")
+CALLS = re.compile(r"\((\d+)x\)")
+
+
+def passes(annotated):
+    """{(contender, workload): (inclusive instructions, calls)} from a caller tree."""
+    found = {}
+    block = []
+    for line in annotated.splitlines() + [""]:
+        if line.strip():
+            block.append(line)
+            continue
+        own = [l for l in block if re.search(r"\*\s+\S", l) and PASS.search(l)]
+        if own:
+            m = PASS.search(own[0])
+            cost = int(COST.match(own[0]).group(1).replace(",", ""))
+            calls = sum(int(c) for l in block if re.search(r"<\s+\S", l)
+                        for c in CALLS.findall(l)[-1:])
+            key = (m.group(1), m.group(2))
+            old_cost, old_calls = found.get(key, (0, 0))
+            found[key] = (old_cost + cost, old_calls + calls)
+        block = []
+    return found
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("build", help="build directory holding kiv_bench")
+    args = parser.parse_args()
+    bench = os.path.join(args.build, "kiv_bench")
+    out = os.path.join(args.build, "callgrind.out.kiv_bench")
+    # One pass per contender and workload; the set-up pass of each database counts as a call
+    # of insert like any other.
+    subprocess.run(["valgrind", "--tool=callgrind", f"--callgrind-out-file={out}", bench,
+                    "--benchmark_filter=BM_Sqlite_.*/(raw|floor|kiv)/", "--benchmark_min_time=0"],
+                   check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    annotated = subprocess.run(["callgrind_annotate", "--inclusive=yes", "--tree=caller",
+                                "--threshold=100", out],
+                               check=True, capture_output=True, text=True).stdout
+    found = passes(annotated)
+    result = {}
+    for w in WORKLOADS:
+        for c in CONTENDERS:
+            cost, calls = found.get((c, w), (0, 0))
+            if calls:
+                result.setdefault(w, {})[c] = cost / calls / ROWS
+    with open(os.path.join(args.build, "bench_callgrind.json"), "w") as f:
+        json.dump({"instructions_per_row": result}, f, indent=1)
+    print("instructions per row (callgrind):")
+    print(f"{'workload':<14}" + "".join(f"{c:>10}" for c in CONTENDERS) + f"{'kiv/floor':>11}")
+    for w, by in result.items():
+        ratio = by["kiv"] / by["floor"] if by.get("kiv") and by.get("floor") else None
+        print(f"{w:<14}" + "".join(f"{by.get(c, 0):>10.0f}" for c in CONTENDERS) +
+              (f"{ratio:>11.4f}" if ratio else f"{'-':>11}"))
+    return 0 if result else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
