@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -19,6 +20,7 @@
 #include <system_error>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -71,6 +73,34 @@ clock_type::duration clamp_ms(unsigned long ms) {
     return std::chrono::milliseconds(std::min(ms, max_ms));
 }
 
+void cpu_relax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
+// For critical sections of a few dozen instructions shared by callers and the worker: a futex
+// sleep on contention would cost far more than the section itself.
+class spin_lock {
+public:
+    void lock() noexcept {
+        for (unsigned spins = 0;;) {
+            if (!locked_.exchange(true, std::memory_order_acquire)) return;
+            while (locked_.load(std::memory_order_relaxed)) {
+                if (++spins < 128) {
+                    cpu_relax();
+                } else {
+                    std::this_thread::yield();  // the holder may have been preempted
+                }
+            }
+        }
+    }
+    void unlock() noexcept { locked_.store(false, std::memory_order_release); }
+
+private:
+    std::atomic<bool> locked_{false};
+};
+
 void teardown_at_exit();
 
 }  // namespace
@@ -84,7 +114,7 @@ public:
 
     void start(kiv_thread_service_handle self);
 
-    void exec(std::function<void()> job, std::string file, int line);
+    void exec(std::function<void()>&& job, const std::string& file, int line);
     unsigned long add_timer(std::function<void()> once, std::function<bool()> repeat,
                             unsigned long ms, std::string file, int line);
     bool clear(unsigned long id);
@@ -103,7 +133,8 @@ public:
 private:
     struct job_entry {
         std::function<void()> job;
-        std::string file;
+        const std::string* file;  // in files_, or null when the name is in own_file
+        std::unique_ptr<const std::string> own_file;
         int line;
     };
     struct timer_entry {
@@ -119,27 +150,53 @@ private:
     using schedule_map = std::map<timer_key, timer_entry>;
     using timer_node = schedule_map::node_type;
     enum class state { running, stopping, stopped, finished };
+    enum class worker_mode { busy, spinning, sleeping };
 
     void loop(kiv_thread_service_handle self);
     void finish(const kiv_thread_service_handle& self);
     void run_jobs(std::vector<job_entry>& batch);
     bool run_next_timer(std::unique_lock<std::mutex>& lk, const timer_key& limit);
     void arm(timer_node node, clock_type::time_point deadline);
-    void wake_if_sleeping();  // lock_ held
+    void poke();                                          // lock_ held
+    const std::string* intern(const std::string& file);  // queue_lock_ held
+    void wait_for_work();
+    void set_mode(worker_mode mode);
 
+    // Fields written by different threads sit this far apart (two cache lines: neighbouring
+    // lines are fetched in pairs). make_shared puts the reference counts, which every caller's
+    // handle copy writes, just before the object: hence the leading gap too.
+    static constexpr std::size_t line_pair = 128;
+    char separate_lines_0_[line_pair] = {};
     const std::string name_;
 
     // Held while any job, timer or handler of this service runs, by the worker or by
     // run_once; recursive so that run_once works from inside them.
     std::recursive_mutex execution_;
 
-    // Guards everything below; never held while user code runs or user functions die.
+    // The job queue, under a lock of its own so that posting a job never waits on lock_.
+    // Lock order: lock_, then queue_lock_. Neither is held while user code runs or user
+    // functions die.
+    char separate_lines_1_[line_pair] = {};
+    spin_lock queue_lock_;
+    bool accepting_ = true;  // false from the stop request on
+    worker_mode mode_ = worker_mode::busy;
+    std::vector<job_entry> queue_;
+    // File names of jobs, each kept once: callers pass the same few names again and again, and
+    // a copy per job would be allocated on the caller's thread and freed on the worker.
+    std::unordered_set<std::string> files_;
+    const std::string* last_file_ = nullptr;
+    char separate_lines_2_[line_pair] = {};
+
+    // Set when work arrives while the worker spins; on a line of its own, as the worker polls it.
+    std::atomic<bool> pending_{false};
+    char separate_lines_3_[line_pair] = {};
+
+    // Guards everything below.
     std::mutex lock_;
     std::condition_variable wake_;
     std::condition_variable finished_cv_;
     state state_ = state::running;
-    bool sleeping_ = false;
-    std::vector<job_entry> queue_;
+    bool sleeping_ = false;  // the worker waits on wake_
     schedule_map schedule_;
     std::unordered_map<unsigned long, timer_key> armed_;
     std::vector<unsigned long> running_intervals_;  // intervals whose callback runs right now
@@ -249,21 +306,60 @@ bool _kiv_thread_service::finished() {
     return state_ == state::finished;
 }
 
-void _kiv_thread_service::wake_if_sleeping() {
+void _kiv_thread_service::poke() {
+    pending_.store(true, std::memory_order_relaxed);
     if (!sleeping_) return;
     sleeping_ = false;  // one wake is enough; the worker re-checks everything
     wake_.notify_one();
 }
 
-void _kiv_thread_service::exec(std::function<void()> job, std::string file, int line) {
-    std::unique_lock<std::mutex> lk(lock_);
-    if (state_ != state::running) {
-        lk.unlock();
-        warn("job handed to a stopped thread service: ", name_);
-        return;  // the job dies here, outside the lock
+void _kiv_thread_service::set_mode(worker_mode mode) {
+    std::lock_guard<spin_lock> guard(queue_lock_);
+    mode_ = mode;
+}
+
+const std::string* _kiv_thread_service::intern(const std::string& file) {
+    constexpr std::size_t max_files = 1024;  // beyond that, jobs carry their own copy
+    if (last_file_ && *last_file_ == file) return last_file_;
+    auto found = files_.find(file);
+    if (found == files_.end()) {
+        if (files_.size() >= max_files) return nullptr;
+        found = files_.insert(file).first;
     }
-    queue_.push_back(job_entry{std::move(job), std::move(file), line});
-    wake_if_sleeping();
+    last_file_ = &*found;
+    return last_file_;
+}
+
+void _kiv_thread_service::exec(std::function<void()>&& job, const std::string& file, int line) {
+    bool accepted = false;
+    bool wake = false;
+    {
+        std::lock_guard<spin_lock> guard(queue_lock_);
+        if (accepting_) {
+            accepted = true;
+            const std::string* interned = intern(file);
+            queue_.push_back(job_entry{
+                std::move(job), interned,
+                interned ? nullptr : std::make_unique<const std::string>(file), line});
+            if (mode_ == worker_mode::spinning) {
+                pending_.store(true, std::memory_order_relaxed);
+            } else if (mode_ == worker_mode::sleeping) {
+                wake = true;
+            }
+            mode_ = worker_mode::busy;  // one signal is enough
+        }
+    }
+    if (!accepted) {
+        warn("job handed to a stopped thread service: ", name_);
+        return;  // the caller's job dies outside the locks
+    }
+    if (wake) {
+        // The worker set `sleeping` holding lock_ and keeps it until it waits: taking lock_
+        // here means the notification cannot slip in before the wait.
+        std::lock_guard<std::mutex> guard(lock_);
+        sleeping_ = false;
+        wake_.notify_one();
+    }
 }
 
 void _kiv_thread_service::arm(timer_node node, clock_type::time_point deadline) {
@@ -295,7 +391,7 @@ unsigned long _kiv_thread_service::add_timer(std::function<void()> once,
     node.mapped().id = id;
     arm(std::move(node), clock_type::now() + delay);
     if (schedule_.begin()->second.id == id) {
-        wake_if_sleeping();  // it is now the earliest: the worker may sleep past it
+        poke();  // it is now the earliest: the worker may sleep past it
     }
     return id;
 }
@@ -327,14 +423,19 @@ void _kiv_thread_service::stop(const kiv_thread_service_handle& self,
     if (callback) stop_callbacks_.push_back(std::move(callback));
     if (state_ == state::running) {
         state_ = state::stopping;
-        wake_if_sleeping();
+        {
+            std::lock_guard<spin_lock> guard(queue_lock_);
+            accepting_ = false;
+        }
+        poke();
     }
 }
 
 void _kiv_thread_service::run_jobs(std::vector<job_entry>& batch) {
     for (job_entry& entry : batch) {
         guarded(entry.job, [&] {
-            return "job scheduled at " + entry.file + ":" + std::to_string(entry.line);
+            const std::string& file = entry.file ? *entry.file : *entry.own_file;
+            return "job scheduled at " + file + ":" + std::to_string(entry.line);
         });
     }
     batch.clear();  // user functions die here, outside the lock
@@ -381,9 +482,7 @@ bool _kiv_thread_service::run_next_timer(std::unique_lock<std::mutex>& lk,
         clock_type::time_point next = deadline + timer.interval;
         if (next <= now) next = now + timer.interval;
         arm(std::move(node), next);
-        if (!is_current_worker() && schedule_.begin()->second.id == timer.id) {
-            wake_if_sleeping();
-        }
+        if (!is_current_worker() && schedule_.begin()->second.id == timer.id) poke();
         return true;
     }
     lk.unlock();
@@ -392,36 +491,71 @@ bool _kiv_thread_service::run_next_timer(std::unique_lock<std::mutex>& lk,
     return true;
 }
 
+// Returns once there are jobs, a due timer or a stop.
+void _kiv_thread_service::wait_for_work() {
+    {
+        std::lock_guard<spin_lock> guard(queue_lock_);
+        if (!queue_.empty()) return;
+    }
+    // A caller posting a stream of jobs usually adds the next one within microseconds: spinning
+    // that long first spares both sides a sleep and a wake-up per handful of jobs.
+    constexpr auto spin_time = std::chrono::microseconds(20);
+    bool spun = false;
+    std::unique_lock<std::mutex> lk(lock_);
+    for (;;) {
+        if (state_ != state::running) return;
+        const bool timed = !schedule_.empty();
+        const clock_type::time_point due =
+            timed ? schedule_.begin()->first.first : clock_type::time_point::max();
+        const clock_type::time_point now = clock_type::now();
+        if (due <= now) return;
+        {
+            std::lock_guard<spin_lock> guard(queue_lock_);
+            if (!queue_.empty()) return;
+            mode_ = spun ? worker_mode::sleeping : worker_mode::spinning;
+            if (!spun) pending_.store(false, std::memory_order_relaxed);
+        }
+        if (!spun) {
+            spun = true;
+            lk.unlock();
+            const clock_type::time_point until = std::min(due, now + spin_time);
+            for (int i = 1; !pending_.load(std::memory_order_relaxed); ++i) {
+                if (i % 64 == 0 && clock_type::now() >= until) break;
+                cpu_relax();
+            }
+            lk.lock();
+        } else {
+            // Still holding lock_ since `sleeping` was set: see exec.
+            sleeping_ = true;
+            if (timed) {
+                wake_.wait_until(lk, due);
+            } else {
+                wake_.wait(lk);
+            }
+            sleeping_ = false;
+        }
+        set_mode(worker_mode::busy);
+    }
+}
+
 void _kiv_thread_service::loop(kiv_thread_service_handle self) {
     current_worker = this;
     pthread_setname_np(pthread_self(), name_.substr(0, 15).c_str());
     std::vector<job_entry> batch;
     for (;;) {
-        {
-            std::unique_lock<std::mutex> lk(lock_);
-            for (;;) {
-                if (!queue_.empty() || state_ != state::running) break;
-                if (schedule_.empty()) {
-                    sleeping_ = true;
-                    wake_.wait(lk);
-                } else {
-                    const clock_type::time_point due = schedule_.begin()->first.first;
-                    if (due <= clock_type::now()) break;
-                    sleeping_ = true;
-                    wake_.wait_until(lk, due);
-                }
-                sleeping_ = false;
-            }
-        }
+        wait_for_work();
         std::lock_guard<std::recursive_mutex> running(execution_);
-        std::unique_lock<std::mutex> lk(lock_);
-        if (!queue_.empty()) {
+        {
+            std::lock_guard<spin_lock> guard(queue_lock_);
             batch.swap(queue_);
-            lk.unlock();
+        }
+        if (!batch.empty()) {
             run_jobs(batch);
             continue;
         }
-        if (state_ == state::stopping) break;  // queue drained: jobs queued before the stop ran
+        std::unique_lock<std::mutex> lk(lock_);
+        // No job is left and none can come: those queued before the stop have run.
+        if (state_ == state::stopping) break;
         run_next_timer(lk, timer_key(clock_type::now(), UINT64_MAX));
     }
     finish(self);
@@ -476,8 +610,9 @@ int _kiv_thread_service::run_once() {
     timer_key limit;
     {
         std::lock_guard<std::mutex> guard(lock_);
-        batch.swap(queue_);
         limit = timer_key(clock_type::now(), next_seq_ - 1);
+        std::lock_guard<spin_lock> queue_guard(queue_lock_);
+        batch.swap(queue_);
     }
     int count = static_cast<int>(batch.size());
     run_jobs(batch);
@@ -576,7 +711,7 @@ void kiv_thread_service_stop(kiv_thread_service_handle service,
 void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<void()> job,
                              std::string file, int line) {
     if (null_handle(service, "kiv_thread_service_exec")) return;
-    service->exec(std::move(job), std::move(file), line);
+    service->exec(std::move(job), file, line);
 }
 
 unsigned long kiv_thread_service_set_timeout(kiv_thread_service_handle service,
