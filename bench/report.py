@@ -16,6 +16,7 @@ import os
 import re
 import statistics
 import sys
+import textwrap
 
 SQLITE_PREFIX = "BM_Sqlite_"
 SERVICE_PREFIX = "BM_ThreadService_"
@@ -100,7 +101,8 @@ def sqlite_lines(table, markdown):
 
 
 def service_lines(rows, markdown):
-    head = ["thread service", "variant", "items/s", "lateness median (us)", "lateness p99 (us)"]
+    head = ["thread service", "variant", "million items/s", "lateness median (us)",
+            "lateness p99 (us)"]
     lines = []
     if markdown:
         lines.append("| " + " | ".join(head) + " |")
@@ -109,7 +111,7 @@ def service_lines(rows, markdown):
         lines.append(f"{head[0]:<22}{head[1]:<12}" + "".join(f"{h:>22}" for h in head[2:]))
     for group, variant, c in rows:
         cells = [
-            fmt(c.get("items_per_second"), 0),
+            fmt(c.get("items_per_second") and c["items_per_second"] / 1e6, 2),
             fmt(c.get("lateness_median_us"), 1),
             fmt(c.get("lateness_p99_us"), 1),
         ]
@@ -180,31 +182,35 @@ def callgrind_lines(counts, markdown):
     return lines
 
 
-def machine_line(context):
-    cpus = context.get("num_cpus", os.cpu_count())
-    mhz = context.get("mhz_per_cpu")
-    build = context.get("library_build_type", "")
+def build_type(json_path):
+    """CMAKE_BUILD_TYPE of the build directory that holds the JSON, if it is one."""
+    cache = os.path.join(os.path.dirname(os.path.abspath(json_path)), "CMakeCache.txt")
+    try:
+        with open(cache) as f:
+            m = re.search(r"^CMAKE_BUILD_TYPE:\w+=(\S+)", f.read(), re.M)
+            return m.group(1) if m else ""
+    except OSError:
+        return ""
+
+
+def machine_line(context, build):
     date = context.get("date", datetime.datetime.now().isoformat())[:10]
-    host_cpu = ""
+    parts = [f"on {date}", f"nproc {os.cpu_count()}"]
     try:
         with open("/proc/cpuinfo") as f:
             m = re.search(r"model name\s*:\s*(.+)", f.read())
-            host_cpu = m.group(1).strip() if m else ""
+            if m:
+                parts.append(m.group(1).strip())
     except OSError:
         pass
-    parts = [f"{date}", f"nproc {os.cpu_count()}", f"{cpus} CPUs seen by the benchmark"]
-    if host_cpu:
-        parts.append(host_cpu)
-    if mhz:
-        parts.append(f"{mhz} MHz")
     if build:
-        parts.append(f"benchmark library built as {build}")
+        parts.append(f"{build} build")
     return ", ".join(parts)
 
 
-def readme_block(table, rows, counts, context, repetitions):
+def readme_block(table, rows, counts, context, build, repetitions):
     lines = [
-        f"Measured {machine_line(context)}; medians of {repetitions} short repetitions, all "
+        f"Measured {machine_line(context, build)}; medians of {repetitions} short repetitions, all "
         "contenders interleaved at random in one process (`sh bench/run.sh build --callgrind`). "
         "The machine is shared: other people's builds ran alongside, so single figures move by "
         "tens of percent between runs, while the ratios of one run hold much better.",
@@ -248,7 +254,8 @@ def readme_block(table, rows, counts, context, repetitions):
         lines += service_lines(rows, markdown=True)
         lines.append("")
     lines += ["![benchmark chart](docs/bench.png)", ""]
-    return "\n".join(lines)
+    # Prose wrapped like the rest of the README; table lines stay whole.
+    return "\n".join(l if l.startswith("|") or not l else textwrap.fill(l, 95) for l in lines)
 
 
 def replace_readme(path, block):
@@ -298,7 +305,8 @@ def main():
     if args.plot_dir:
         write_plot_data(table, rows, args.plot_dir)
     if args.readme:
-        replace_readme(args.readme, readme_block(table, rows, counts, data.get("context", {}), repetitions))
+        replace_readme(args.readme, readme_block(table, rows, counts, data.get("context", {}),
+                                                  build_type(args.json), repetitions))
     return 1 if errors else 0
 
 
