@@ -4,6 +4,7 @@
 #include <boost/weak_ptr.hpp>
 
 #include <pthread.h>
+#include <sys/prctl.h>
 
 #include <algorithm>
 #include <atomic>
@@ -16,7 +17,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
@@ -191,7 +191,7 @@ private:
     std::atomic<bool> pending_{false};
     char separate_lines_3_[line_pair] = {};
 
-    // Guards everything below.
+    // Guards the fields from here to joined_.
     std::mutex lock_;
     std::condition_variable wake_;
     std::condition_variable finished_cv_;
@@ -500,6 +500,9 @@ void _kiv_thread_service::wait_for_work() {
     // A caller posting a stream of jobs usually adds the next one within microseconds: spinning
     // that long first spares both sides a sleep and a wake-up per handful of jobs.
     constexpr auto spin_time = std::chrono::microseconds(20);
+    // Waking from a sleep takes tens of microseconds on a busy machine: the worker sleeps until
+    // this long before a timer's deadline and spins through the rest.
+    constexpr auto early_wake = std::chrono::microseconds(50);
     bool spun = false;
     std::unique_lock<std::mutex> lk(lock_);
     for (;;) {
@@ -509,18 +512,20 @@ void _kiv_thread_service::wait_for_work() {
             timed ? schedule_.begin()->first.first : clock_type::time_point::max();
         const clock_type::time_point now = clock_type::now();
         if (due <= now) return;
+        const bool near = due - now <= early_wake;
+        const bool spin = !spun || near;
         {
             std::lock_guard<spin_lock> guard(queue_lock_);
             if (!queue_.empty()) return;
-            mode_ = spun ? worker_mode::sleeping : worker_mode::spinning;
-            if (!spun) pending_.store(false, std::memory_order_relaxed);
+            mode_ = spin ? worker_mode::spinning : worker_mode::sleeping;
+            if (spin) pending_.store(false, std::memory_order_relaxed);
         }
-        if (!spun) {
+        if (spin) {
             spun = true;
             lk.unlock();
-            const clock_type::time_point until = std::min(due, now + spin_time);
+            const clock_type::time_point until = near ? due : std::min(due, now + spin_time);
             for (int i = 1; !pending_.load(std::memory_order_relaxed); ++i) {
-                if (i % 64 == 0 && clock_type::now() >= until) break;
+                if (i % 16 == 0 && clock_type::now() >= until) break;
                 cpu_relax();
             }
             lk.lock();
@@ -528,7 +533,7 @@ void _kiv_thread_service::wait_for_work() {
             // Still holding lock_ since `sleeping` was set: see exec.
             sleeping_ = true;
             if (timed) {
-                wake_.wait_until(lk, due);
+                wake_.wait_until(lk, due - early_wake);
             } else {
                 wake_.wait(lk);
             }
@@ -541,6 +546,8 @@ void _kiv_thread_service::wait_for_work() {
 void _kiv_thread_service::loop(kiv_thread_service_handle self) {
     current_worker = this;
     pthread_setname_np(pthread_self(), name_.substr(0, 15).c_str());
+    // Timed waits end at the deadline, not up to the default 50 us of timer slack after it.
+    prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     std::vector<job_entry> batch;
     for (;;) {
         wait_for_work();
@@ -554,8 +561,12 @@ void _kiv_thread_service::loop(kiv_thread_service_handle self) {
             continue;
         }
         std::unique_lock<std::mutex> lk(lock_);
-        // No job is left and none can come: those queued before the stop have run.
-        if (state_ == state::stopping) break;
+        if (state_ == state::stopping) {
+            // A job may have come in between the swap and the stop; after the stop none can.
+            std::lock_guard<spin_lock> guard(queue_lock_);
+            if (queue_.empty()) break;  // every job queued before the stop has run
+            continue;
+        }
         run_next_timer(lk, timer_key(clock_type::now(), UINT64_MAX));
     }
     finish(self);
