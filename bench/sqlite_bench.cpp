@@ -10,13 +10,16 @@
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "bench/sqlite_floor.h"
+#include "framework/kiv_assertion.h"
 #include "framework/kiv_thread_service.h"
 #include "kiv_database/database_service.h"
 #include "kiv_database/kiv_sqlite.h"
@@ -392,28 +395,105 @@ void count_rows(benchmark::State& state) {
 
 enum class workload { insert, scan, point_select, rows_each };
 
+// What a pass needs beforehand, outside the measurement: insert writes into an empty table.
+template <workload W, class C>
+void prepare(C& c) {
+    if (W == workload::insert) c.exec(recreate_ins);
+}
+
+// One measured pass over all rows; its sum proves that it read them.
+template <workload W, class C>
+long long pass(C& c) {
+    if (W == workload::insert) return c.insert(insert_ins_sql);
+    if (W == workload::scan) return c.scan();
+    if (W == workload::point_select) return c.point_select();
+    return c.rows_each();
+}
+
+template <workload W>
+long long expected_sum() {
+    if (W == workload::insert) return row_count;
+    if (W == workload::point_select) return rows().number_sum;
+    return rows().scan_sum;
+}
+
+// A call of the assertion function, less its line: the floor's lines are its own.
+struct check_call {
+    bool cond;
+    std::string text, message, file;
+    bool operator==(const check_call& o) const {
+        return cond == o.cond && text == o.text && message == o.message && file == o.file;
+    }
+};
+
+// The calls of one pass, as indexes into `kinds`, seen through the framework's handler hook.
+template <workload W, class C>
+std::vector<unsigned short> record_checks(C& c, std::vector<check_call>& kinds) {
+    prepare<W>(c);
+    std::vector<unsigned short> sequence;
+    kiv_assertion_set_handler([&](bool cond, const std::string& text, const std::string& message,
+                                  const std::string& file, int) {
+        check_call call{cond, text, message, file};
+        auto it = std::find(kinds.begin(), kinds.end(), call);
+        if (it == kinds.end()) it = kinds.insert(kinds.end(), call);
+        sequence.push_back(static_cast<unsigned short>(it - kinds.begin()));
+    });
+    try {
+        pass<W>(c);
+    } catch (...) {
+        kiv_assertion_clear_handler();
+        throw;
+    }
+    kiv_assertion_clear_handler();
+    return sequence;
+}
+
+std::string describe(const std::vector<unsigned short>& calls, std::size_t at,
+                     const std::vector<check_call>& kinds) {
+    if (at >= calls.size()) return "nothing";
+    const check_call& c = kinds[calls[at]];
+    return "\"" + c.text + "\" / \"" + c.message + "\" / \"" + c.file + "\" (" +
+           (c.cond ? "true" : "false") + ")";
+}
+
+// The floor stands for the library only while it makes the library's checks: the same calls
+// of the assertion function, with the same values and strings, in the same order. Compared
+// once per workload on a whole pass of each, before either is measured. Empty when they match.
+template <workload W>
+std::string floor_mismatch() {
+    std::vector<check_call> kinds;
+    const auto library = record_checks<W>(contender(static_cast<kiv_contender*>(nullptr)), kinds);
+    const auto floor = record_checks<W>(contender(static_cast<floor_contender*>(nullptr)), kinds);
+    if (library == floor) return {};
+    std::size_t at = 0;
+    while (at < library.size() && at < floor.size() && library[at] == floor[at]) ++at;
+    return "the floor's checks are not the library's: " + std::to_string(library.size()) +
+           " calls against " + std::to_string(floor.size()) + "; call " + std::to_string(at + 1) +
+           " is " + describe(library, at, kinds) + " in the library, " +
+           describe(floor, at, kinds) + " in the floor";
+}
+
+template <workload W>
+const std::string& floor_verdict() {
+    static const std::string verdict = floor_mismatch<W>();
+    return verdict;
+}
+
 template <class C, workload W>
 void bm_sqlite(benchmark::State& state) {
     try {
         C& c = contender(static_cast<C*>(nullptr));
-        const long long expected = W == workload::insert       ? row_count
-                                   : W == workload::point_select ? rows().number_sum
-                                                                 : rows().scan_sum;
+        if (std::is_same<C, floor_contender>::value && !floor_verdict<W>().empty()) {
+            state.SkipWithError(floor_verdict<W>().c_str());
+            return;
+        }
         for (auto _ : state) {
-            long long got = 0;
             if (W == workload::insert) {
                 state.PauseTiming();
-                c.exec(recreate_ins);
+                prepare<W>(c);
                 state.ResumeTiming();
-                got = c.insert(insert_ins_sql);
-            } else if (W == workload::scan) {
-                got = c.scan();
-            } else if (W == workload::point_select) {
-                got = c.point_select();
-            } else {
-                got = c.rows_each();
             }
-            if (got != expected) {
+            if (pass<W>(c) != expected_sum<W>()) {
                 state.SkipWithError("wrong result: the pass did not read every row");
                 break;
             }
