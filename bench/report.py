@@ -211,7 +211,7 @@ def machine_line(context, build):
 def readme_block(table, rows, counts, context, build, repetitions):
     lines = [
         f"Measured {machine_line(context, build)}; medians of {repetitions} short repetitions, all "
-        "contenders interleaved at random in one process (`sh bench/run.sh build --callgrind`). "
+        "contenders interleaved at random in one process (`sh bench/run.sh build --callgrind --readme`). "
         "The machine is shared: other people's builds ran alongside, so single figures move by "
         "tens of percent between runs, while the ratios of one run hold much better.",
         "",
