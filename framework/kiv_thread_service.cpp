@@ -493,10 +493,6 @@ bool _kiv_thread_service::run_next_timer(std::unique_lock<std::mutex>& lk,
 
 // Returns once there are jobs, a due timer or a stop.
 void _kiv_thread_service::wait_for_work() {
-    {
-        std::lock_guard<spin_lock> guard(queue_lock_);
-        if (!queue_.empty()) return;
-    }
     // A caller posting a stream of jobs usually adds the next one within microseconds: spinning
     // that long first spares both sides a sleep and a wake-up per handful of jobs.
     constexpr auto spin_time = std::chrono::microseconds(20);
@@ -550,24 +546,26 @@ void _kiv_thread_service::loop(kiv_thread_service_handle self) {
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     std::vector<job_entry> batch;
     for (;;) {
-        wait_for_work();
-        std::lock_guard<std::recursive_mutex> running(execution_);
         {
-            std::lock_guard<spin_lock> guard(queue_lock_);
-            batch.swap(queue_);
+            std::lock_guard<std::recursive_mutex> running(execution_);
+            {
+                std::lock_guard<spin_lock> guard(queue_lock_);
+                batch.swap(queue_);
+            }
+            if (!batch.empty()) {
+                run_jobs(batch);
+                continue;
+            }
+            std::unique_lock<std::mutex> lk(lock_);
+            if (state_ == state::stopping) {
+                // A job may have come in between the swap and the stop; after the stop none can.
+                std::lock_guard<spin_lock> guard(queue_lock_);
+                if (queue_.empty()) break;  // every job queued before the stop has run
+                continue;
+            }
+            if (run_next_timer(lk, timer_key(clock_type::now(), UINT64_MAX))) continue;
         }
-        if (!batch.empty()) {
-            run_jobs(batch);
-            continue;
-        }
-        std::unique_lock<std::mutex> lk(lock_);
-        if (state_ == state::stopping) {
-            // A job may have come in between the swap and the stop; after the stop none can.
-            std::lock_guard<spin_lock> guard(queue_lock_);
-            if (queue_.empty()) break;  // every job queued before the stop has run
-            continue;
-        }
-        run_next_timer(lk, timer_key(clock_type::now(), UINT64_MAX));
+        wait_for_work();
     }
     finish(self);
     self.reset();  // may be the last handle: the destructor then detaches this thread
