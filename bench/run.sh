@@ -1,11 +1,11 @@
 #!/bin/sh
-# Runs every benchmark of kiv_bench once (short repetitions interleaved at random), keeps the
+# Runs every benchmark of kiv_bench once (repetitions interleaved at random), keeps the
 # JSON in <build>/bench.json, prints the SQLite and thread-service tables and draws
 # docs/bench.png.
 #   sh bench/run.sh [build-dir] [--callgrind] [--readme] [kiv_bench flags...]
 # --callgrind  also counts instructions per row under valgrind (about two minutes more)
 # --readme     writes the tables into README.md between the bench markers
-# KIV_BENCH_REPETITIONS (default 15) sets the repetitions.
+# KIV_BENCH_REPETITIONS (default 9) sets the repetitions.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=build
@@ -29,7 +29,7 @@ fi
 
 echo "machine: $(nproc) CPUs, load average $(cut -d' ' -f1-3 /proc/loadavg)"
 "$bench" --benchmark_out="$build/bench.json" --benchmark_out_format=json \
-  --benchmark_repetitions="${KIV_BENCH_REPETITIONS:-15}" \
+  --benchmark_repetitions="${KIV_BENCH_REPETITIONS:-9}" \
   --benchmark_enable_random_interleaving=true \
   --benchmark_display_aggregates_only=true "$@"
 echo

@@ -10,12 +10,14 @@
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "bench/sqlite_floor.h"
@@ -386,13 +388,6 @@ kiv_contender& contender(kiv_contender*) { return lazily(session.kiv); }
 sqlitecpp_contender& contender(sqlitecpp_contender*) { return lazily(session.sqlitecpp); }
 #endif
 
-void count_rows(benchmark::State& state) {
-    state.SetItemsProcessed(state.iterations() * row_count);
-    // Inverted rate of row_count / 1e9 per iteration: nanoseconds per row.
-    state.counters["ns_per_row"] = benchmark::Counter(
-        row_count / 1e9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-}
-
 enum class workload { insert, scan, point_select, rows_each };
 
 // What a pass needs beforehand, outside the measurement: insert writes into an empty table.
@@ -401,9 +396,10 @@ void prepare(C& c) {
     if (W == workload::insert) c.exec(recreate_ins);
 }
 
-// One measured pass over all rows; its sum proves that it read them.
+// One pass over all rows; its sum proves that it read them. Inlined, so that a profile shows
+// each contender's pass under the caller that made it (measured or not).
 template <workload W, class C>
-long long pass(C& c) {
+[[gnu::always_inline]] inline long long pass(C& c) {
     if (W == workload::insert) return c.insert(insert_ins_sql);
     if (W == workload::scan) return c.scan();
     if (W == workload::point_select) return c.point_select();
@@ -479,51 +475,90 @@ const std::string& floor_verdict() {
     return verdict;
 }
 
+// The contenders of one workload, measured in rounds: every round runs one pass of each, in an
+// order that rotates from round to round, and times each pass by the thread's CPU clock. On a
+// shared machine the load of others comes and goes (passes land in a fast or a slow state
+// about 1.7x apart), but passes of one round, a fraction of a second apart, mostly share it:
+// the ratios are therefore taken per round, and their median is reported.
+struct lane {
+    std::string name;
+    std::function<void()> prepare;
+    std::function<long long()> pass;
+    std::vector<double> ns_per_row;
+};
+
 template <class C, workload W>
+lane make_lane(const char* name) {
+    C& c = contender(static_cast<C*>(nullptr));
+    return lane{name, [&c] { prepare<W>(c); }, [&c] { return pass<W>(c); }, {}};
+}
+
+double thread_seconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
+
+double median(std::vector<double> values) {
+    if (values.empty()) return 0;
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    if (values.size() % 2) return *middle;
+    return (*middle + *std::max_element(values.begin(), middle)) / 2;
+}
+
+template <workload W>
 void bm_sqlite(benchmark::State& state) {
+    std::vector<lane> lanes;
     try {
-        C& c = contender(static_cast<C*>(nullptr));
-        if (std::is_same<C, floor_contender>::value && !floor_verdict<W>().empty()) {
+        lanes.push_back(make_lane<raw_contender, W>("raw"));
+        lanes.push_back(make_lane<floor_contender, W>("floor"));
+        lanes.push_back(make_lane<kiv_contender, W>("kiv"));
+#if KIV_BENCH_HAVE_SQLITECPP
+        lanes.push_back(make_lane<sqlitecpp_contender, W>("sqlitecpp"));
+#endif
+        if (!floor_verdict<W>().empty()) {
             state.SkipWithError(floor_verdict<W>().c_str());
             return;
         }
+        std::size_t round = 0;
         for (auto _ : state) {
-            if (W == workload::insert) {
-                state.PauseTiming();
-                prepare<W>(c);
-                state.ResumeTiming();
+            for (std::size_t k = 0; k < lanes.size(); ++k) {
+                lane& l = lanes[(round + k) % lanes.size()];
+                l.prepare();
+                const double start = thread_seconds();
+                const long long sum = l.pass();
+                const double seconds = thread_seconds() - start;
+                if (sum != expected_sum<W>()) {
+                    state.SkipWithError("wrong result: a pass did not read every row");
+                    return;
+                }
+                l.ns_per_row.push_back(seconds * 1e9 / row_count);
             }
-            if (pass<W>(c) != expected_sum<W>()) {
-                state.SkipWithError("wrong result: the pass did not read every row");
-                break;
-            }
+            ++round;
         }
     } catch (const std::exception& e) {
         state.SkipWithError(e.what());
+        return;
     }
-    count_rows(state);
+    const lane& kiv = lanes[2];
+    for (const lane& l : lanes) {
+        state.counters[l.name + "_ns_per_row"] = median(l.ns_per_row);
+        if (&l == &kiv) continue;
+        std::vector<double> ratios;
+        for (std::size_t r = 0; r < l.ns_per_row.size(); ++r)
+            ratios.push_back(kiv.ns_per_row[r] / l.ns_per_row[r]);
+        state.counters["kiv/" + l.name] = median(ratios);
+    }
+    state.counters["rounds"] = static_cast<double>(kiv.ns_per_row.size());
+    state.SetLabel("time: one round of all contenders");
 }
 
-template <class C, workload W>
-void add(const std::string& prefix, const char* contender_name) {
-    // Short repetitions (one to a few passes each), interleaved at random by bench/run.sh: on a
-    // shared machine the load of others comes and goes within seconds, and many short samples
-    // spread it evenly over the contenders.
-    benchmark::RegisterBenchmark((prefix + contender_name).c_str(), bm_sqlite<C, W>)
-        ->Unit(benchmark::kMillisecond)
-        ->MinTime(0.05);
-}
-
-// Contenders of one workload next to each other, so that they run close together in time.
 template <workload W>
 void register_workload(const char* name) {
-    const std::string prefix = std::string("BM_Sqlite_") + name + "/";
-    add<raw_contender, W>(prefix, "raw");
-    add<floor_contender, W>(prefix, "floor");
-    add<kiv_contender, W>(prefix, "kiv");
-#if KIV_BENCH_HAVE_SQLITECPP
-    add<sqlitecpp_contender, W>(prefix, "sqlitecpp");
-#endif
+    benchmark::RegisterBenchmark((std::string("BM_Sqlite_") + name).c_str(), bm_sqlite<W>)
+        ->Unit(benchmark::kMillisecond)
+        ->MinTime(1.0);
 }
 
 const bool registered = [] {
