@@ -2,6 +2,7 @@
 BUILD    ?= build
 JOBS     ?= $(shell nproc)
 CMAKE_ARGS ?=
+MAKEFLAGS += --no-print-directory
 
 .PHONY: all deps configure build run test test-sanitize bench clean
 
