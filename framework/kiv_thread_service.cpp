@@ -521,7 +521,12 @@ void _kiv_thread_service::wait_for_work() {
             lk.unlock();
             const clock_type::time_point until = near ? due : std::min(due, now + spin_time);
             for (int i = 1; !pending_.load(std::memory_order_relaxed); ++i) {
-                if (i % 16 == 0 && clock_type::now() >= until) break;
+                if (i % 16 == 0) {
+                    if (clock_type::now() >= until) break;
+                    // On a crowded machine a caller may be waiting for this very core; with a
+                    // deadline this close, the core is not given away.
+                    if (!near) std::this_thread::yield();
+                }
                 cpu_relax();
             }
             lk.lock();
