@@ -47,7 +47,8 @@ struct kiv_worker {
 void report_lateness(benchmark::State& state, std::vector<double>& lateness_us) {
     std::sort(lateness_us.begin(), lateness_us.end());
     const auto at = [&](double q) {
-        return lateness_us[static_cast<std::size_t>(q * static_cast<double>(lateness_us.size() - 1))];
+        return lateness_us[static_cast<std::size_t>(q *
+                                                    static_cast<double>(lateness_us.size() - 1))];
     };
     state.counters["lateness_median_us"] = at(0.5);
     state.counters["lateness_p99_us"] = at(0.99);
@@ -62,9 +63,12 @@ double micros_since(bench_clock::time_point deadline) {
 void BM_ThreadService_Exec_kiv(benchmark::State& state) {
     kiv_worker w;
     for (auto _ : state) {
-        for (int i = 0; i < exec_jobs; ++i) kiv_thread_service_exec(w.service, [] {}, __FILE__, __LINE__);
+        for (int i = 0; i < exec_jobs; ++i)
+            kiv_thread_service_exec(
+                w.service, [] {}, __FILE__, __LINE__);
         std::promise<void> done;
-        kiv_thread_service_exec(w.service, [&done] { done.set_value(); }, __FILE__, __LINE__);
+        kiv_thread_service_exec(
+            w.service, [&done] { done.set_value(); }, __FILE__, __LINE__);
         done.get_future().wait();
     }
     state.SetItemsProcessed(state.iterations() * exec_jobs);
@@ -90,10 +94,13 @@ void BM_ThreadService_TimerLateness_kiv(benchmark::State& state) {
         for (int i = 0; i < timer_count; ++i) {
             std::promise<void> fired;
             const auto deadline = bench_clock::now() + timer_delay;
-            kiv_thread_service_set_timeout(w.service, [&] {
-                lateness.push_back(micros_since(deadline));
-                fired.set_value();
-            }, timer_delay.count(), __FILE__, __LINE__);
+            kiv_thread_service_set_timeout(
+                w.service,
+                [&] {
+                    lateness.push_back(micros_since(deadline));
+                    fired.set_value();
+                },
+                timer_delay.count(), __FILE__, __LINE__);
             fired.get_future().wait();
         }
     }
@@ -132,14 +139,18 @@ void BM_ThreadService_TimerBurst_kiv(benchmark::State& state) {
         order.clear();
         for (int i = 0; i < timer_count; ++i) {
             deadlines[i] = bench_clock::now() + timer_delay;
-            kiv_thread_service_set_timeout(w.service, [&, i] {
-                lateness.push_back(micros_since(deadlines[i]));
-                order.push_back(i);
-                if (i == timer_count - 1) all_fired.set_value();
-            }, timer_delay.count(), __FILE__, __LINE__);
+            kiv_thread_service_set_timeout(
+                w.service,
+                [&, i] {
+                    lateness.push_back(micros_since(deadlines[i]));
+                    order.push_back(i);
+                    if (i == timer_count - 1) all_fired.set_value();
+                },
+                timer_delay.count(), __FILE__, __LINE__);
         }
         all_fired.get_future().wait();
-        for (int i = 1; i < static_cast<int>(order.size()); ++i) out_of_order += order[i] < order[i - 1];
+        for (int i = 1; i < static_cast<int>(order.size()); ++i)
+            out_of_order += order[i] < order[i - 1];
     }
     report_lateness(state, lateness);
     state.counters["out_of_order"] = out_of_order;
@@ -166,7 +177,8 @@ void BM_ThreadService_TimerBurst_asio(benchmark::State& state) {
             });
         }
         all_fired.get_future().wait();
-        for (int i = 1; i < static_cast<int>(order.size()); ++i) out_of_order += order[i] < order[i - 1];
+        for (int i = 1; i < static_cast<int>(order.size()); ++i)
+            out_of_order += order[i] < order[i - 1];
     }
     report_lateness(state, lateness);
     state.counters["out_of_order"] = out_of_order;
@@ -174,9 +186,31 @@ void BM_ThreadService_TimerBurst_asio(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_ThreadService_Exec_kiv)->Name("BM_ThreadService_Exec/kiv")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_ThreadService_Exec_asio)->Name("BM_ThreadService_Exec/asio")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_ThreadService_TimerLateness_kiv)->Name("BM_ThreadService_TimerLateness/kiv")->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
-BENCHMARK(BM_ThreadService_TimerLateness_asio)->Name("BM_ThreadService_TimerLateness/asio")->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
-BENCHMARK(BM_ThreadService_TimerBurst_kiv)->Name("BM_ThreadService_TimerBurst/kiv")->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
-BENCHMARK(BM_ThreadService_TimerBurst_asio)->Name("BM_ThreadService_TimerBurst/asio")->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_ThreadService_Exec_kiv)
+    ->Name("BM_ThreadService_Exec/kiv")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_ThreadService_Exec_asio)
+    ->Name("BM_ThreadService_Exec/asio")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BM_ThreadService_TimerLateness_kiv)
+    ->Name("BM_ThreadService_TimerLateness/kiv")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
+BENCHMARK(BM_ThreadService_TimerLateness_asio)
+    ->Name("BM_ThreadService_TimerLateness/asio")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(1);
+BENCHMARK(BM_ThreadService_TimerBurst_kiv)
+    ->Name("BM_ThreadService_TimerBurst/kiv")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
+BENCHMARK(BM_ThreadService_TimerBurst_asio)
+    ->Name("BM_ThreadService_TimerBurst/asio")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);

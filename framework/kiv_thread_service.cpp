@@ -157,7 +157,7 @@ private:
     void run_jobs(std::vector<job_entry>& batch);
     bool run_next_timer(std::unique_lock<std::mutex>& lk, const timer_key& limit);
     void arm(timer_node node, clock_type::time_point deadline);
-    void poke();                                          // lock_ held
+    void poke();                                         // lock_ held
     const std::string* intern(const std::string& file);  // queue_lock_ held
     void wait_for_work();
     void set_mode(worker_mode mode);
@@ -294,7 +294,9 @@ void _kiv_thread_service::start(kiv_thread_service_handle self) {
     thread_ = std::thread([this, self = std::move(self)]() mutable { loop(std::move(self)); });
 }
 
-bool _kiv_thread_service::is_current_worker() const { return current_worker == this; }
+bool _kiv_thread_service::is_current_worker() const {
+    return current_worker == this;
+}
 
 void _kiv_thread_service::join_thread() {
     std::lock_guard<std::mutex> guard(thread_lock_);
@@ -338,9 +340,9 @@ void _kiv_thread_service::exec(std::function<void()>&& job, const std::string& f
         if (accepting_) {
             accepted = true;
             const std::string* interned = intern(file);
-            queue_.push_back(job_entry{
-                std::move(job), interned,
-                interned ? nullptr : std::make_unique<const std::string>(file), line});
+            queue_.push_back(
+                job_entry{std::move(job), interned,
+                          interned ? nullptr : std::make_unique<const std::string>(file), line});
             if (mode_ == worker_mode::spinning) {
                 pending_.store(true, std::memory_order_relaxed);
             } else if (mode_ == worker_mode::sleeping) {
@@ -375,8 +377,8 @@ unsigned long _kiv_thread_service::add_timer(std::function<void()> once,
     const clock_type::duration delay = clamp_ms(ms);
     // Built before the lock: the node allocation stays out of the critical section.
     schedule_map staging;
-    staging.emplace(timer_key(),
-                    timer_entry{0, std::move(once), std::move(repeat), delay, std::move(file), line});
+    staging.emplace(timer_key(), timer_entry{0, std::move(once), std::move(repeat), delay,
+                                             std::move(file), line});
     timer_node node = staging.extract(staging.begin());
 
     std::unique_lock<std::mutex> lk(lock_);
@@ -442,8 +444,7 @@ void _kiv_thread_service::run_jobs(std::vector<job_entry>& batch) {
 }
 
 // Runs the earliest timer if its key is not after `limit`; `lk` is held on entry and on return.
-bool _kiv_thread_service::run_next_timer(std::unique_lock<std::mutex>& lk,
-                                         const timer_key& limit) {
+bool _kiv_thread_service::run_next_timer(std::unique_lock<std::mutex>& lk, const timer_key& limit) {
     if (state_ != state::running || schedule_.empty() || limit < schedule_.begin()->first) {
         return false;
     }
@@ -603,7 +604,8 @@ void _kiv_thread_service::finish(const kiv_thread_service_handle& self) {
             handler.swap(finish_handler_);
             code = join_code_;
         }
-        if (handler) guarded([&] { handler(self, code); }, [&] { return "finish handler of " + name_; });
+        if (handler)
+            guarded([&] { handler(self, code); }, [&] { return "finish handler of " + name_; });
         {
             std::lock_guard<std::mutex> guard(lock_);
             state_ = state::finished;
@@ -697,8 +699,8 @@ kiv_thread_service_handle kiv_thread_service_new(std::string name) {
     } catch (const std::system_error& e) {
         worker_exited();
         write_line(std::string(kiv_framework_detail::error_banner) +
-                   "cannot start thread service " + kiv_framework_detail::coloured(service->name()) +
-                   ": " + e.what() + "\n");
+                   "cannot start thread service " +
+                   kiv_framework_detail::coloured(service->name()) + ": " + e.what() + "\n");
         return kiv_thread_service_handle();
     }
     return service;

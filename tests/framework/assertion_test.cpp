@@ -34,6 +34,7 @@ TEST(FrameworkAssertion, WithoutHandlerOnlyAFailingCallWritesOneErrorLine) {
     kiv_assertion_faild(false, "db!=nullptr", "no database", "a.cpp", 10);
     const std::string line = out.str();
     ASSERT_EQ(line.rfind(kiv_test::error_banner, 0), 0u) << line;
-    EXPECT_EQ(line, kiv_test::error_banner + "assertion failed: db!=nullptr - no database at a.cpp:10\n");
+    EXPECT_EQ(line,
+              kiv_test::error_banner + "assertion failed: db!=nullptr - no database at a.cpp:10\n");
     EXPECT_EQ(out.flushes(), 1);
 }

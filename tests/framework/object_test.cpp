@@ -68,8 +68,7 @@ TEST(FrameworkObject, DescribeWritesOneLineWithoutTakingTheMutex) {
     _kiv_object object;
     std::unique_lock<std::mutex> held(object.mutex);
     auto described = std::async(std::launch::async, [&] { object.describe(); });
-    const bool returned =
-        described.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+    const bool returned = described.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
     held.unlock();
     described.wait();
     ASSERT_TRUE(returned) << "describe() waits for the object mutex";

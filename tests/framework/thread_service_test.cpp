@@ -34,7 +34,9 @@ struct gate {
     std::promise<void> promise;
     std::shared_future<void> future = promise.get_future().share();
     void open() { promise.set_value(); }
-    bool wait() const { return future.wait_for(std::chrono::seconds(30)) == std::future_status::ready; }
+    bool wait() const {
+        return future.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+    }
 };
 
 // Occupies the worker until the returned gate opens, so that work piles up behind it.
@@ -122,9 +124,12 @@ TEST(ThreadService, TimersClearedFromInsideCallbacks) {
     int victim_runs = 0, self_runs = 0, quitter_runs = 0;
     bool cleared_victim = false, cleared_fired = true, cleared_self = false, quitter_gone = false;
     auto release = stall(s);
-    kiv_thread_service_set_timeout(s, [&] { cleared_victim = kiv_thread_service_clear_timeout(s, victim); }, 0, "t", 0);
+    auto clears = [&](bool& result, unsigned long& id) {
+        return [&] { result = kiv_thread_service_clear_timeout(s, id); };
+    };
+    kiv_thread_service_set_timeout(s, clears(cleared_victim, victim), 0, "t", 0);
     victim = kiv_thread_service_set_timeout(s, [&] { ++victim_runs; }, 0, "t", 0);
-    fired = kiv_thread_service_set_timeout(s, [&] { cleared_fired = kiv_thread_service_clear_timeout(s, fired); }, 0, "t", 0);
+    fired = kiv_thread_service_set_timeout(s, clears(cleared_fired, fired), 0, "t", 0);
     self = kiv_thread_service_set_interval(s, [&] {
         if (++self_runs == 2) cleared_self = kiv_thread_service_clear_interval(s, self);
         return true;
@@ -230,7 +235,9 @@ TEST(ThreadService, FinishHandlerMayDropTheLastHandle) {
             held->reset();
             finished->open();
         });
-        kiv_thread_service_set_join_handler(s, [s](kiv_thread_service_handle, int) { return false; });
+        // A handler holding the service must not keep it alive once it has finished.
+        using handle = kiv_thread_service_handle;
+        kiv_thread_service_set_join_handler(s, [s](handle, int) { return false; });
         kiv_thread_service_stop(s, nullptr);
     }
     ASSERT_TRUE(finished->wait());
@@ -270,9 +277,10 @@ TEST(ThreadService, JoinHandlerMayDeferTheStopAndTheFinishHandlerGetsTheCode) {
     auto plain = kiv_thread_service_new("plain");
     auto refusing = kiv_thread_service_new("refusing");
     int plain_code = -1, refusing_code = -1;
-    kiv_thread_service_on_finished(plain, [&](kiv_thread_service_handle, int c) { plain_code = c; });
-    kiv_thread_service_on_finished(refusing, [&](kiv_thread_service_handle, int c) { refusing_code = c; });
-    kiv_thread_service_set_join_handler(refusing, [](kiv_thread_service_handle, int) { return false; });
+    using handle = kiv_thread_service_handle;
+    kiv_thread_service_on_finished(plain, [&](handle, int c) { plain_code = c; });
+    kiv_thread_service_on_finished(refusing, [&](handle, int c) { refusing_code = c; });
+    kiv_thread_service_set_join_handler(refusing, [](handle, int) { return false; });
     kiv_thread_service_join(plain, 3);
     kiv_thread_service_join(refusing, 4);
     ASSERT_TRUE(kiv_thread_service_wait(plain, hang_guard_ms));
@@ -285,8 +293,9 @@ TEST(ThreadService, JoinAllJoinsAndWaitsForEveryService) {
     auto quick = kiv_thread_service_new("quick");
     auto slow = kiv_thread_service_new("slow");
     std::atomic<int> quick_code{-1}, slow_code{-1};
-    kiv_thread_service_on_finished(quick, [&](kiv_thread_service_handle, int c) { quick_code = c; });
-    kiv_thread_service_on_finished(slow, [&](kiv_thread_service_handle, int c) { slow_code = c; });
+    using handle = kiv_thread_service_handle;
+    kiv_thread_service_on_finished(quick, [&](handle, int c) { quick_code = c; });
+    kiv_thread_service_on_finished(slow, [&](handle, int c) { slow_code = c; });
     kiv_thread_service_set_join_handler(slow, [](kiv_thread_service_handle h, int) {
         kiv_thread_service_set_timeout(h, [h] { kiv_thread_service_stop(h, nullptr); }, 20, "t", 0);
         return true;
@@ -327,7 +336,9 @@ TEST(ThreadService, EmptyHandlesWarnAndReturnDefaults) {
     const kiv_thread_service_handle none;
     bool called = false;
     kiv_thread_service_on_finished(none, [&](kiv_thread_service_handle, int) { called = true; });
-    kiv_thread_service_set_join_handler(none, [&](kiv_thread_service_handle, int) { return called = true; });
+    kiv_thread_service_set_join_handler(none, [&](kiv_thread_service_handle, int) {
+        return called = true;
+    });
     kiv_thread_service_stop(none, [&](kiv_thread_service_handle) { called = true; });
     kiv_thread_service_exec(none, [&] { called = true; }, "t", 0);
     EXPECT_EQ(kiv_thread_service_set_timeout(none, [&] { called = true; }, 0, "t", 0), 0u);
@@ -369,7 +380,8 @@ TEST(ThreadService, HostExitingWithoutJoinExitsCleanly) {
             if (write(w, "F", 1) != 1) _exit(3);
         });
         for (int i = 0; i < 20; ++i) {
-            kiv_thread_service_exec(busy, [] { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }, "t", 0);
+            kiv_thread_service_exec(
+                busy, [] { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }, "t", 0);
         }
         kiv_thread_service_exec(busy, [w] { if (write(w, "J", 1) != 1) _exit(3); }, "t", 0);
         kiv_thread_service_set_timeout(busy, [] { _exit(4); }, 60000, "t", 0);
