@@ -60,6 +60,7 @@ if (service) {
     set title "Thread service: timer lateness (dark: median, light: p99)"
     set ylabel "microseconds late (lower is better)"
     set boxwidth 1.0 / (m + 1) absolute
+    set offsets 0, 0, graph 0.35, 0
     set xrange [-0.5:rows(late50) - 0.5]
     plot late99 using 0:(0):xtic(1) with points ps 0 notitle, \
          for [i=2:m+1] late99 using ($0 + shift(i-1, m)):(column(i)) with boxes \

@@ -264,8 +264,11 @@ def readme_block(table, rows, counts, context, build, repetitions, rounds):
         lines += service_lines(rows, markdown=True)
         lines.append("")
     lines += ["![benchmark chart](docs/bench.png)", ""]
-    # Prose wrapped like the rest of the README; table lines stay whole.
-    return "\n".join(l if l.startswith("|") or not l else textwrap.fill(l, 95) for l in lines)
+    # Prose wrapped like the rest of the README; table lines and code spans stay whole.
+    def wrap(line):
+        kept = re.sub(r"`[^`]*`", lambda m: m.group(0).replace(" ", "\0"), line)
+        return textwrap.fill(kept, 95).replace("\0", " ")
+    return "\n".join(l if l.startswith("|") or not l else wrap(l) for l in lines)
 
 
 def replace_readme(path, block):
@@ -295,7 +298,7 @@ def main():
     repetitions = max((r["repetitions"] for r in runs.values()), default=0)
     counts = load_callgrind(args.json)
 
-    rounds = min((t["rounds"] for t in table.values()), default=0)
+    rounds = int(min((t["rounds"] for t in table.values()), default=0))
     print(f"ns per row and ratios of kiv to the others: medians of {repetitions} repetitions, "
           f"at least {rounds} rounds of all contenders per workload")
     print("\n".join(sqlite_lines(table, markdown=False)))
