@@ -19,7 +19,8 @@ ROWS = 100000
 CONTENDERS = ["raw", "floor", "kiv"]
 WORKLOADS = ["insert", "scan", "point_select", "rows_each"]
 PASS = re.compile(r"\(anonymous namespace\)::(raw|floor|kiv)_contender::"
-                  r"(insert|scan|point_select|rows_each)\((?:char const\*)?\)(?: \[clone [^]]*\])* \[")
+                  r"(insert|scan|point_select|rows_each)\((?:char const\*)?\)"
+                  r"(?: \[clone [^]]*\])* \[")
 # The measured passes are called through the lanes that make_lane builds.
 MEASURED = re.compile(r"make_lane<")
 COST = re.compile(r"^\s*([\d,]+)\s")

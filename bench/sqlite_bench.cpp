@@ -4,8 +4,9 @@
 //   kiv        libkiv_database through its exported kiv_sqlite_* functions;
 //   sqlitecpp  SQLiteCpp, a C++ wrapper of the usual kind (when it was found at configure time).
 // Every contender has its own in-memory database (":memory:", journal_mode=MEMORY,
-// synchronous=OFF) holding the same 100,000 rows; one iteration is one pass over all of them.
-// The "ns_per_row" counter is what bench/run.sh compares.
+// synchronous=OFF) holding the same 100,000 rows. One benchmark per workload; an iteration is a
+// round of one pass per contender (see bm_sqlite). Counters: <contender>_ns_per_row, and
+// kiv/<contender>, the median ratio within a round, which bench/report.py tabulates.
 
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
@@ -36,7 +37,8 @@ constexpr int row_count = 100000;
 constexpr int text_size = 20;
 
 const char* const pragmas = "PRAGMA journal_mode=MEMORY; PRAGMA synchronous=OFF;";
-const char* const create_scan = "CREATE TABLE scan(id INTEGER PRIMARY KEY, n INTEGER NOT NULL, v TEXT NOT NULL)";
+const char* const create_scan =
+    "CREATE TABLE scan(id INTEGER PRIMARY KEY, n INTEGER NOT NULL, v TEXT NOT NULL)";
 // The insert workload writes into an attached database made afresh for every pass: dropping and
 // refilling a table in one long-lived database left each pass at the mercy of the free-page
 // list and the heap that earlier passes had left behind (passes varied by up to 2x).
@@ -100,7 +102,8 @@ struct raw_contender {
     }
     ~raw_contender() { sqlite3_close(db); }
     void exec(const char* sql) {
-        if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr)) throw std::runtime_error(sqlite3_errmsg(db));
+        if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr))
+            throw std::runtime_error(sqlite3_errmsg(db));
     }
 
     PASS long long insert(const char* sql) {
@@ -303,7 +306,8 @@ struct sqlitecpp_contender {
         exec(pragmas);
         exec(create_scan);
         exec(attach_ins);
-        if (insert(insert_scan_sql) != row_count) throw std::runtime_error("sqlitecpp: fill failed");
+        if (insert(insert_scan_sql) != row_count)
+            throw std::runtime_error("sqlitecpp: fill failed");
     }
     void exec(const char* sql) { db.exec(sql); }
 
