@@ -156,147 +156,131 @@ struct raw_contender {
     PASS long long rows_each() { return scan(); }
 };
 
-struct floor_contender {
-    floor_handle h;
-
-    floor_contender() : h(floor_open(":memory:")) {
-        exec(pragmas);
-        exec(create_scan);
-        exec(attach_ins);
-        if (insert(insert_scan_sql) != row_count) throw std::runtime_error("floor: fill failed");
+// The floor and the library take the same calls with the same arguments, so one body measures
+// both; `Api` names the functions (inline forwarders: the calls stay direct).
+struct floor_api {
+    using handle = floor_handle;
+    using row_callback = floor_row_callback;
+    static constexpr const char* name = "floor";
+    static handle open() { return floor_open(":memory:"); }
+    static void close(const handle&) {}
+    static int sql_stmt(const handle& h, const char* sql) { return floor_sql_stmt(h, sql, nullptr); }
+    static int prepare(const handle& h, const char* sql) { return floor_prepare(h, sql); }
+    static bool finalize(const handle& h) { return floor_finalize(h); }
+    static int reset(const handle& h) { return floor_reset(h); }
+    static int bind_int(const handle& h, int i, int v) { return floor_bind_int(h, i, v); }
+    static int bind_text(const handle& h, int i, const std::string& v) {
+        return floor_bind_text(h, i, v.data(), v.size());
     }
-    void exec(const char* sql) {
-        if (floor_sql_stmt(h, sql, nullptr)) throw std::runtime_error("floor: exec failed");
-    }
-
-    PASS long long insert(const char* sql) {
-        const row_data& data = rows();
-        exec("BEGIN");
-        floor_prepare(h, sql);
-        long long done = 0;
-        for (int i = 0; i < row_count; ++i) {
-            floor_bind_int(h, 1, data.numbers[i]);
-            floor_bind_text(h, 2, data.texts[i].data(), data.texts[i].size());
-            done += floor_step(h) == SQLITE_DONE;
-            floor_reset(h);
-        }
-        floor_finalize(h);
-        exec("COMMIT");
-        return done;
-    }
-
-    PASS long long scan() {
-        floor_prepare(h, scan_sql);
-        long long sum = 0;
-        int rc;
-        while ((rc = floor_step(h)) == SQLITE_ROW) {
-            int n = floor_column_int(h, 0);
-            std::string v = floor_column_text(h, 1);
-            sum += row_data::row_sum(n, v);
-        }
-        floor_finalize(h);
-        return rc == SQLITE_DONE ? sum : -1;
-    }
-
-    PASS long long point_select() {
-        floor_prepare(h, point_sql);
-        long long sum = 0;
-        for (int key : rows().keys) {
-            floor_bind_int(h, 1, key);
-            if (floor_step(h) == SQLITE_ROW) sum += floor_column_int(h, 0);
-            floor_reset(h);
-        }
-        floor_finalize(h);
-        return sum;
-    }
-
-    PASS long long rows_each() {
-        floor_prepare(h, scan_sql);
-        long long sum = 0;
-        int rc = floor_rows_each(h, [&sum](floor_handle row, unsigned long) {
-            int n = floor_column_int(row, 0);
-            std::string v = floor_column_text(row, 1);
-            sum += row_data::row_sum(n, v);
-            return true;
-        });
-        floor_finalize(h);
-        return rc == SQLITE_DONE ? sum : -1;
-    }
+    static int step(const handle& h) { return floor_step(h); }
+    static int column_int(const handle& h, int c) { return floor_column_int(h, c); }
+    static std::string column_text(const handle& h, int c) { return floor_column_text(h, c); }
+    static int rows_each(const handle& h, row_callback cb) { return floor_rows_each(h, std::move(cb)); }
 };
 
-struct kiv_contender {
-    kiv_sqlite_handle h;
-
-    kiv_contender() : h(kiv_sqlite_new(":memory:", "kiv_bench")) {
+struct kiv_api {
+    using handle = kiv_sqlite_handle;
+    using row_callback = kiv_sqlite_row_callback;
+    static constexpr const char* name = "kiv";
+    static handle open() {
+        handle h = kiv_sqlite_new(":memory:", "kiv_bench");
         if (kiv_sqlite_open(h) != SQLITE_OK) throw std::runtime_error("kiv: cannot open");
-        exec(pragmas);
-        exec(create_scan);
-        exec(attach_ins);
-        if (insert(insert_scan_sql) != row_count) throw std::runtime_error("kiv: fill failed");
+        return h;
     }
     // The object leaves through the database worker; the service's shutdown waits for it.
-    ~kiv_contender() {
+    static void close(const handle& h) {
         kiv_sqlite_finalize(h);
         kiv_sqlite_destroy(h, __FILE__, __LINE__);
     }
+    static int sql_stmt(const handle& h, const char* sql) { return kiv_sqlite_sql_stmt(h, sql, nullptr); }
+    static int prepare(const handle& h, const char* sql) { return kiv_sqlite_prepare(h, sql); }
+    static bool finalize(const handle& h) { return kiv_sqlite_finalize(h); }
+    static int reset(const handle& h) { return kiv_sqlite_reset(h); }
+    static int bind_int(const handle& h, int i, int v) { return kiv_sqlite_bind_int(h, i, v); }
+    static int bind_text(const handle& h, int i, const std::string& v) {
+        return kiv_sqlite_bind_text(h, i, v.data(), v.size());
+    }
+    static int step(const handle& h) { return kiv_sqlite_step(h); }
+    static int column_int(const handle& h, int c) { return kiv_sqlite_column_int(h, c); }
+    static std::string column_text(const handle& h, int c) { return kiv_sqlite_column_text(h, c); }
+    static int rows_each(const handle& h, row_callback cb) { return kiv_sqlite_rows_each(h, std::move(cb)); }
+};
+
+template <class Api>
+struct wrapped_contender {
+    typename Api::handle h;
+
+    wrapped_contender() : h(Api::open()) {
+        exec(pragmas);
+        exec(create_scan);
+        exec(attach_ins);
+        if (insert(insert_scan_sql) != row_count)
+            throw std::runtime_error(std::string(Api::name) + ": fill failed");
+    }
+    ~wrapped_contender() { Api::close(h); }
+    wrapped_contender(const wrapped_contender&) = delete;
+    wrapped_contender& operator=(const wrapped_contender&) = delete;
     void exec(const char* sql) {
-        if (kiv_sqlite_sql_stmt(h, sql, nullptr)) throw std::runtime_error("kiv: exec failed");
+        if (Api::sql_stmt(h, sql)) throw std::runtime_error(std::string(Api::name) + ": exec failed");
     }
 
     PASS long long insert(const char* sql) {
         const row_data& data = rows();
         exec("BEGIN");
-        kiv_sqlite_prepare(h, sql);
+        Api::prepare(h, sql);
         long long done = 0;
         for (int i = 0; i < row_count; ++i) {
-            kiv_sqlite_bind_int(h, 1, data.numbers[i]);
-            kiv_sqlite_bind_text(h, 2, data.texts[i].data(), data.texts[i].size());
-            done += kiv_sqlite_step(h) == SQLITE_DONE;
-            kiv_sqlite_reset(h);
+            Api::bind_int(h, 1, data.numbers[i]);
+            Api::bind_text(h, 2, data.texts[i]);
+            done += Api::step(h) == SQLITE_DONE;
+            Api::reset(h);
         }
-        kiv_sqlite_finalize(h);
+        Api::finalize(h);
         exec("COMMIT");
         return done;
     }
 
     PASS long long scan() {
-        kiv_sqlite_prepare(h, scan_sql);
+        Api::prepare(h, scan_sql);
         long long sum = 0;
         int rc;
-        while ((rc = kiv_sqlite_step(h)) == SQLITE_ROW) {
-            int n = kiv_sqlite_column_int(h, 0);
-            std::string v = kiv_sqlite_column_text(h, 1);
+        while ((rc = Api::step(h)) == SQLITE_ROW) {
+            int n = Api::column_int(h, 0);
+            std::string v = Api::column_text(h, 1);
             sum += row_data::row_sum(n, v);
         }
-        kiv_sqlite_finalize(h);
+        Api::finalize(h);
         return rc == SQLITE_DONE ? sum : -1;
     }
 
     PASS long long point_select() {
-        kiv_sqlite_prepare(h, point_sql);
+        Api::prepare(h, point_sql);
         long long sum = 0;
         for (int key : rows().keys) {
-            kiv_sqlite_bind_int(h, 1, key);
-            if (kiv_sqlite_step(h) == SQLITE_ROW) sum += kiv_sqlite_column_int(h, 0);
-            kiv_sqlite_reset(h);
+            Api::bind_int(h, 1, key);
+            if (Api::step(h) == SQLITE_ROW) sum += Api::column_int(h, 0);
+            Api::reset(h);
         }
-        kiv_sqlite_finalize(h);
+        Api::finalize(h);
         return sum;
     }
 
     PASS long long rows_each() {
-        kiv_sqlite_prepare(h, scan_sql);
+        Api::prepare(h, scan_sql);
         long long sum = 0;
-        int rc = kiv_sqlite_rows_each(h, [&sum](kiv_sqlite_handle row, unsigned long) {
-            int n = kiv_sqlite_column_int(row, 0);
-            std::string v = kiv_sqlite_column_text(row, 1);
+        int rc = Api::rows_each(h, [&sum](typename Api::handle row, unsigned long) {
+            int n = Api::column_int(row, 0);
+            std::string v = Api::column_text(row, 1);
             sum += row_data::row_sum(n, v);
             return true;
         });
-        kiv_sqlite_finalize(h);
+        Api::finalize(h);
         return rc == SQLITE_DONE ? sum : -1;
     }
 };
+
+using floor_contender = wrapped_contender<floor_api>;
+using kiv_contender = wrapped_contender<kiv_api>;
 
 #if KIV_BENCH_HAVE_SQLITECPP
 struct sqlitecpp_contender {
