@@ -2,7 +2,7 @@
 # Installs the Debian packages the project needs, or names the missing ones when not root.
 set -eu
 pkgs="cmake make g++ binutils pkg-config libboost-dev libsqlite3-dev libgtest-dev libgmock-dev \
-libbenchmark-dev libsqlitecpp-dev gnuplot-nox"
+libbenchmark-dev libsqlitecpp-dev gnuplot-nox clang libclang-rt-14-dev valgrind"
 missing=""
 for p in $pkgs; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing="$missing $p"
