@@ -8,3 +8,12 @@ if(TARGET kiv_host)
     set_tests_properties(host_${case} PROPERTIES TIMEOUT 300 LABELS host)
   endforeach()
 endif()
+
+# The demo under memcheck; valgrind does not run sanitizer builds, hence the label.
+if(TARGET kiv_host AND NOT KIV_SANITIZE)
+  find_program(KIV_VALGRIND valgrind REQUIRED)
+  add_test(NAME host_valgrind
+    COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/host/valgrind_demo.sh $<TARGET_FILE:kiv_host>
+            ${CMAKE_CURRENT_BINARY_DIR}/host-valgrind)
+  set_tests_properties(host_valgrind PROPERTIES TIMEOUT 600 LABELS "host;nosanitize")
+endif()
