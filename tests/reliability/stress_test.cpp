@@ -124,8 +124,10 @@ TEST(Stress, WritersLookupsAndAJoinMidway) {
     ASSERT_GE(lines.size(), tail.size());
     EXPECT_EQ(lines.substr(lines.size() - tail.size()), tail);
 
-    // Read back on a service started afresh: every committed row, nothing else.
+    // Read back on a service started afresh: every committed row, nothing else. The join request
+    // still stands, so the new service stops by itself once the last check object is gone.
     kiv_database_init();
+    const kiv_thread_service_handle again = kiv_thread_service_find("database");
     long long rows = 0;
     for (int f = 0; f < files; ++f) {
         const kiv_sqlite_handle c = kiv_sqlite_new(paths[static_cast<std::size_t>(f)], "check");
@@ -141,7 +143,11 @@ TEST(Stress, WritersLookupsAndAJoinMidway) {
         kiv_sqlite_destroy(c, __FILE__, __LINE__);
     }
     EXPECT_EQ(rows, static_cast<long long>(writers) * objects_per_writer * rows_per_transaction);
-    ASSERT_TRUE(kiv_test::join_database_service());
+    ASSERT_TRUE(kiv_thread_service_wait(again, 10000));
+    const std::string after = out.take();
+    EXPECT_EQ(count_of(after, "DATABASE THREAD SERVICE STOPPED\n"), 1u);
+    ASSERT_GE(after.size(), tail.size());
+    EXPECT_EQ(after.substr(after.size() - tail.size()), tail);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     std::fprintf(stderr, "stress: %d objects, %lld rows, %ld lookups (%ld found), %.1f s\n",
                  writers * objects_per_writer, rows, lookups.load(), found.load(), seconds);
