@@ -89,16 +89,8 @@ _kiv_sqlite::_kiv_sqlite(std::string path_, std::string name_)
     : path(std::move(path_)), name(std::move(name_)) {}
 
 _kiv_sqlite::~_kiv_sqlite() {
-    if (is_opened()) {
-        finalize();
-        close_connection(__LINE__);
-    } else if (stmt != nullptr) {
-        // Closed with a statement still held: SQLite kept that connection alive for it, and
-        // nobody else can reach it any more.
-        sqlite3* const orphan = sqlite3_db_handle(stmt);
-        finalize();
-        sqlite3_close(orphan);
-    }
+    finalize();
+    if (is_opened()) close_connection(__LINE__);
 }
 
 boost::shared_ptr<_kiv_object> _kiv_sqlite::shared_object() {
@@ -124,8 +116,12 @@ void _kiv_sqlite::set_opened(bool value) {
 
 void _kiv_sqlite::finalize() {
     if (stmt == nullptr) return;
+    sqlite3* const owner = sqlite3_db_handle(stmt);
     sqlite3_finalize(stmt);
     stmt = nullptr;
+    // A close made while the statement was held left its connection allocated for it (SQLite
+    // refuses to close a connection with a live statement); with the statement gone, it can go.
+    if (owner != db) sqlite3_close(owner);
 }
 
 // Forced inline: they sit on every per-row call, where a call frame of our own would show.

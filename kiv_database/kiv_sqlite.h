@@ -107,7 +107,10 @@ KIV_DATABASE_API std::string kiv_sqlite_get_name(boost::shared_ptr<_kiv_sqlite> 
 
 // --- Opening and closing ---
 // open creates the file when missing, try_open requires it; both enter the object into the
-// registry under its name if the name is free. close does not finalize the statement.
+// registry under its name if the name is free. close does not finalize the statement: SQLite
+// then keeps that connection allocated until the statement is finalized (which releases it).
+// Opening an object that is open reports the check and replaces the connection; the first one
+// stays allocated, so callers close before they open again.
 KIV_DATABASE_API int kiv_sqlite_open(boost::shared_ptr<_kiv_sqlite> handle);
 KIV_DATABASE_API int kiv_sqlite_try_open(boost::shared_ptr<_kiv_sqlite> handle);
 KIV_DATABASE_API bool kiv_sqlite_close(boost::shared_ptr<_kiv_sqlite> handle);

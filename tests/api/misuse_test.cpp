@@ -230,6 +230,44 @@ TEST_F(MisuseOpen, SqlTextsAtTheEdges) {
     EXPECT_EQ(scalar("SELECT length('" + literal + "')"), static_cast<long long>(literal.size()));
 }
 
+// A statement held across close keeps its connection allocated inside SQLite; finalizing the
+// statement later, reopening first, or destroying the object gives all of it back.
+TEST(Misuse, StatementHeldAcrossCloseLeavesNothingBehind) {
+    kiv_database_init();
+    kiv_test::assertion_recorder assertions;
+    kiv_test::cout_capture out;
+    kiv_sqlite_handle c = kiv_sqlite_new(":memory:", "held");
+    auto open_prepare_close = [&] {
+        ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
+        ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT 1"), SQLITE_OK);
+        EXPECT_TRUE(kiv_sqlite_close(c));
+        EXPECT_FALSE(kiv_sqlite_is_opened(c));
+        EXPECT_NE(c->stmt, nullptr) << "close leaves the statement";
+    };
+    ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);  // SQLite's one-time set-up, out of the measure
+    kiv_sqlite_close(c);
+    const sqlite3_int64 baseline = sqlite3_memory_used();
+
+    open_prepare_close();
+    EXPECT_GT(sqlite3_memory_used(), baseline);
+    EXPECT_EQ(kiv_sqlite_step(c), SQLITE_ROW) << "the statement runs on the connection kept for it";
+    EXPECT_TRUE(kiv_sqlite_finalize(c));
+    EXPECT_EQ(sqlite3_memory_used(), baseline);
+
+    open_prepare_close();
+    ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
+    EXPECT_TRUE(kiv_sqlite_finalize(c));  // the earlier connection's statement
+    kiv_sqlite_close(c);
+    EXPECT_EQ(sqlite3_memory_used(), baseline);
+
+    open_prepare_close();
+    kiv_sqlite_destroy(c, __FILE__, __LINE__);
+    ASSERT_TRUE(kiv_test::drain_database_worker());
+    c.reset();  // the last handle: the destructor finalizes
+    EXPECT_EQ(sqlite3_memory_used(), baseline);
+    EXPECT_TRUE(kiv_test::join_database_service());
+}
+
 // Two threads destroy the same object at the same moment: one destroy job, one warning line.
 // The worker is held in a job of ours meanwhile, and that job counts what was queued behind it.
 TEST(Misuse, DestroyRacedFromTwoThreadsPostsOneJob) {
