@@ -174,6 +174,9 @@ boost::shared_ptr<_kiv_sqlite> kiv_database_get_sqlite(std::string name) {
         }
         return {};
     }
+    // A destroyed object is closed by its job on the worker, which finalizes the statement
+    // too: handing the object out now would have two threads releasing the same statement.
+    if (found->is_destroyed()) return {};
     found->finalize();
     return found;
 }

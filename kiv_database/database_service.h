@@ -33,7 +33,8 @@ KIV_DATABASE_API void kiv_database_clear_interval(unsigned long timer_id);
 // Runs the due work on the calling thread; the thread service's count, unchanged.
 KIV_DATABASE_API int kiv_database_run_once();
 
-// The open connection registered under `name`, its statement finalized; empty if none.
+// The open connection registered under `name`, its statement finalized; empty if none, and
+// empty for one already handed to kiv_sqlite_destroy (its job on the worker still closes it).
 KIV_DATABASE_API boost::shared_ptr<_kiv_sqlite> kiv_database_get_sqlite(std::string name);
 
 // --- Internal to the library ---

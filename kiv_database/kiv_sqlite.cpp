@@ -109,6 +109,14 @@ bool _kiv_sqlite::is_opened() {
     return opened;
 }
 
+bool _kiv_sqlite::is_destroyed() {
+    std::lock_guard<std::mutex> guard(mutex);
+    boost::any mark;
+    if (!kiv_property_get(properties, "object-destroyed", mark)) return false;
+    const bool* const destroyed = boost::any_cast<bool>(&mark);
+    return destroyed != nullptr && *destroyed;
+}
+
 void _kiv_sqlite::set_opened(bool value) {
     std::lock_guard<std::mutex> guard(mutex);
     opened = value;

@@ -43,6 +43,7 @@ public:
     // Shared member operations; not exported.
     KIV_DATABASE_LOCAL std::string get_name();
     KIV_DATABASE_LOCAL bool is_opened();
+    KIV_DATABASE_LOCAL bool is_destroyed();
     KIV_DATABASE_LOCAL void set_opened(bool value);
     KIV_DATABASE_LOCAL void finalize();
 

@@ -268,6 +268,36 @@ TEST(Misuse, StatementHeldAcrossCloseLeavesNothingBehind) {
     EXPECT_TRUE(kiv_test::join_database_service());
 }
 
+// Between destroy and its job, a lookup by name hands nothing out: the job alone releases the
+// statement and the connection (two threads finalizing one statement would free it twice).
+TEST(Misuse, LookupAfterDestroyHandsOutNothing) {
+    kiv_database_init();
+    kiv_test::cout_capture out;
+    const kiv_sqlite_handle c = kiv_sqlite_new(":memory:", "going");
+    ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
+    ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT 1"), SQLITE_OK);
+    std::promise<void> holding;
+    std::promise<void> go;
+    kiv_database_exec([&holding, released = go.get_future().share()] {
+                          holding.set_value();
+                          released.wait();
+                      },
+                      __FILE__, __LINE__);
+    holding.get_future().wait();  // the destroy job has to wait behind ours
+    EXPECT_EQ(kiv_database_get_sqlite("going"), c);
+    ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT 2"), SQLITE_OK);
+    kiv_sqlite_destroy(c, __FILE__, __LINE__);
+    EXPECT_EQ(kiv_database_get_sqlite("going"), nullptr);
+    EXPECT_NE(c->stmt, nullptr) << "left for the job";
+    EXPECT_TRUE(kiv_sqlite_is_opened(c));
+    go.set_value();
+    ASSERT_TRUE(kiv_test::drain_database_worker());
+    EXPECT_EQ(c->stmt, nullptr);
+    EXPECT_FALSE(kiv_sqlite_is_opened(c));
+    EXPECT_EQ(kiv_database_get_sqlite("going"), nullptr);
+    EXPECT_TRUE(kiv_test::join_database_service());
+}
+
 // Two threads destroy the same object at the same moment: one destroy job, one warning line.
 // The worker is held in a job of ours meanwhile, and that job counts what was queued behind it.
 TEST(Misuse, DestroyRacedFromTwoThreadsPostsOneJob) {
