@@ -4,7 +4,7 @@ JOBS     ?= $(shell nproc)
 CMAKE_ARGS ?=
 MAKEFLAGS += --no-print-directory
 
-.PHONY: all deps configure build run test test-sanitize bench clean
+.PHONY: all deps configure build run test test-sanitize fuzz bench clean
 
 all: build
 
@@ -20,10 +20,11 @@ build: configure
 run: build
 	@./$(BUILD)/kiv_host
 
-# The whole suite, then the thread and address sanitizer builds of it.
+# The whole suite, its thread and address sanitizer builds, then a minute of fuzzing.
 test: build
 	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 	@$(MAKE) --no-print-directory test-sanitize
+	@$(MAKE) --no-print-directory fuzz FUZZ_SECONDS=60
 
 test-sanitize: deps
 	@for s in thread address; do \
@@ -32,8 +33,21 @@ test-sanitize: deps
 	  ctest --test-dir $(BUILD)-$$s --output-on-failure -j $(JOBS) -LE nosanitize || exit 1; \
 	done
 
+# libFuzzer on the API (clang, with address and undefined sanitizers). New inputs go to the
+# build's corpus; the committed seeds in tests/fuzz/corpus are only read. Findings land in the
+# build's scratch directory and fail the run.
+FUZZ_SECONDS ?= 600
+FUZZ_DIR = $(BUILD)-fuzz
+fuzz: deps
+	@cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+	  -DKIV_SANITIZE=fuzz -DKIV_BUILD_TESTS=OFF -DKIV_BUILD_BENCH=OFF -DKIV_BUILD_HOST=OFF >/dev/null
+	@cmake --build $(FUZZ_DIR) -j $(JOBS) --target kiv_api_fuzzer
+	@mkdir -p $(FUZZ_DIR)/corpus $(FUZZ_DIR)/scratch
+	@cd $(FUZZ_DIR)/scratch && ../kiv_api_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
+	  -dict=$(CURDIR)/tests/fuzz/sql.dict -print_final_stats=1 ../corpus $(CURDIR)/tests/fuzz/corpus
+
 bench: build
 	@sh bench/run.sh $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-thread $(BUILD)-address
+	rm -rf $(BUILD) $(BUILD)-thread $(BUILD)-address $(BUILD)-fuzz
