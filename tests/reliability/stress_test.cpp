@@ -125,9 +125,11 @@ TEST(Stress, WritersLookupsAndAJoinMidway) {
     EXPECT_EQ(lines.substr(lines.size() - tail.size()), tail);
 
     // Read back on a service started afresh: every committed row, nothing else. The join request
-    // still stands, so the new service stops by itself once the last check object is gone.
+    // still stands, so the new service stops by itself whenever the list empties: an anchor
+    // again keeps it up until the last check is done.
     kiv_database_init();
     const kiv_thread_service_handle again = kiv_thread_service_find("database");
+    const kiv_sqlite_handle reader_anchor = kiv_sqlite_new(":memory:", "reader_anchor");
     long long rows = 0;
     for (int f = 0; f < files; ++f) {
         const kiv_sqlite_handle c = kiv_sqlite_new(paths[static_cast<std::size_t>(f)], "check");
@@ -143,6 +145,7 @@ TEST(Stress, WritersLookupsAndAJoinMidway) {
         kiv_sqlite_destroy(c, __FILE__, __LINE__);
     }
     EXPECT_EQ(rows, static_cast<long long>(writers) * objects_per_writer * rows_per_transaction);
+    kiv_sqlite_destroy(reader_anchor, __FILE__, __LINE__);
     ASSERT_TRUE(kiv_thread_service_wait(again, 10000));
     const std::string after = out.take();
     EXPECT_EQ(count_of(after, "DATABASE THREAD SERVICE STOPPED\n"), 1u);
