@@ -341,9 +341,7 @@ TEST(Misuse, DestroyRacedFromTwoThreadsPostsOneJob) {
         EXPECT_FALSE(kiv_sqlite_is_opened(c));
 
         const std::string lines = out.take();
-        std::size_t warnings = 0;
-        for (std::size_t at = lines.find(warning); at != std::string::npos; at = lines.find(warning, at + 1)) ++warnings;
-        EXPECT_EQ(warnings, 1u) << lines;
+        EXPECT_EQ(kiv_test::count_of(lines, warning), 1u) << lines;
         EXPECT_NE(lines.find(warning + kiv_test::coloured("[kiv_sqlite]") + "-race.cpp:" + std::to_string(round) + "\n"),
                   std::string::npos)
             << lines;

@@ -144,11 +144,7 @@ TEST(DatabaseService, ConcurrentObjectsAndAJoinMidway) {
     ASSERT_TRUE(kiv_thread_service_wait(service, 60000));
 
     const std::string lines = out.str();
-    auto count = [&](const std::string& text) {
-        std::size_t n = 0;
-        for (std::size_t at = lines.find(text); at != std::string::npos; at = lines.find(text, at + 1)) ++n;
-        return n;
-    };
+    auto count = [&](const std::string& text) { return kiv_test::count_of(lines, text); };
     EXPECT_EQ(count("left objects in database reference count: "), std::size_t(threads * per_thread + 1));
     EXPECT_EQ(count(left(0)), 1u);
     EXPECT_EQ(count(request), 1u);

@@ -151,11 +151,9 @@ void fail_each_allocation_in_turn(bool every_one_after) {
     }
     EXPECT_EQ(seen.count("0/0/0/0/100"), 1u) << "the last round ran whole";
     const std::string lines = out.take();
-    std::size_t removed = 0;
-    for (std::size_t at = lines.find("left objects in database reference count: 0\n"); at != std::string::npos;
-         at = lines.find("left objects in database reference count: 0\n", at + 1))
-        ++removed;
-    EXPECT_EQ(removed, static_cast<std::size_t>(rounds)) << "every round's object left the list";
+    EXPECT_EQ(kiv_test::count_of(lines, "left objects in database reference count: 0\n"),
+              static_cast<std::size_t>(rounds))
+        << "every round's object left the list";
     std::fprintf(stderr, "%s: %ld rounds, %ld allocations failed, %zu distinct outcomes\n",
                  every_one_after ? "from the Nth on" : "the Nth only", rounds, injected.load(), seen.size());
 }

@@ -15,16 +15,12 @@
 
 namespace {
 
+using kiv_test::count_of;
+
 constexpr int writers = 8;
 constexpr int objects_per_writer = 500;
 constexpr int files = 4;
 constexpr int rows_per_transaction = 3;
-
-std::size_t count_of(const std::string& text, const std::string& needle) {
-    std::size_t n = 0;
-    for (std::size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-    return n;
-}
 
 std::string object_name(int writer, int index) { return "w" + std::to_string(writer) + "_" + std::to_string(index); }
 

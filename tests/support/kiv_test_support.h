@@ -20,6 +20,13 @@ inline std::string null_object_line(const std::string& function) {
     return warning_banner + "null object supplied: " + coloured(function) + "\n";
 }
 
+// How often `needle` occurs in `text` (overlaps counted).
+inline std::size_t count_of(const std::string& text, const std::string& needle) {
+    std::size_t n = 0;
+    for (std::size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+}
+
 // Unbuffered and locked, so that lines written from several threads land whole per insertion
 // and the capture stays race-free.
 class locked_stringbuf : public std::streambuf {
