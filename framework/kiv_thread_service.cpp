@@ -178,7 +178,7 @@ private:
     // lines are fetched in pairs). make_shared puts the reference counts, which every caller's
     // handle copy writes, just before the object: hence the leading gap too.
     static constexpr std::size_t line_pair = 128;
-    char separate_lines_0_[line_pair] = {};
+    [[maybe_unused]] char separate_lines_0_[line_pair] = {};
     const std::string name_;
 
     // Held while any job, timer or handler of this service runs, by the worker or by
@@ -188,7 +188,7 @@ private:
     // The job queue, under a lock of its own so that posting a job never waits on lock_.
     // Lock order: lock_, then queue_lock_. Neither is held while user code runs or user
     // functions die.
-    char separate_lines_1_[line_pair] = {};
+    [[maybe_unused]] char separate_lines_1_[line_pair] = {};
     spin_lock queue_lock_;
     bool accepting_ = true;  // false from the stop request on
     worker_mode mode_ = worker_mode::busy;
@@ -197,11 +197,11 @@ private:
     // a copy per job would be allocated on the caller's thread and freed on the worker.
     std::unordered_set<std::string> files_;
     const std::string* last_file_ = nullptr;
-    char separate_lines_2_[line_pair] = {};
+    [[maybe_unused]] char separate_lines_2_[line_pair] = {};
 
     // Set when work arrives while the worker spins; on a line of its own, as the worker polls it.
     std::atomic<bool> pending_{false};
-    char separate_lines_3_[line_pair] = {};
+    [[maybe_unused]] char separate_lines_3_[line_pair] = {};
 
     // Guards the fields from here to joined_.
     std::mutex lock_;
