@@ -237,15 +237,32 @@ struct service_table {
     int workers_running = 0;
 };
 
+void lock_table_for_fork();
+void unlock_table_after_fork();
+void forget_parent_services();
+
 service_table& table() {
     static service_table* const t = [] {
         service_table* created = std::make_unique<service_table>().release();
         // Registered after every load-time static constructor has run, so it runs before their
         // destructors: services are gone before the statics their jobs touch.
         std::atexit(teardown_at_exit);
+        pthread_atfork(lock_table_for_fork, unlock_table_after_fork, forget_parent_services);
         return created;
     }();
     return *t;
+}
+
+// A forked child has none of the parent's worker threads: it forgets the parent's services, so
+// that its exit does not wait for workers that only the parent has. The table's lock is held
+// across the fork, so the child's copy of the table is consistent.
+void lock_table_for_fork() { table().lock.lock(); }
+void unlock_table_after_fork() { table().lock.unlock(); }
+void forget_parent_services() {
+    service_table& t = table();
+    t.services.clear();
+    t.workers_running = 0;
+    t.lock.unlock();
 }
 
 std::vector<kiv_thread_service_handle> live_services() {

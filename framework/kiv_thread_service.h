@@ -10,6 +10,8 @@
 // has already stopped. Callers may therefore hold their own non-recursive locks across them.
 // Lifetime: a service lives until it has stopped and finished; the last handle may be dropped
 // anywhere, also inside its own finish handler.
+// Fork: the parent's services keep running in the parent only. A child process runs none of
+// their work and does not wait for them at exit; it may create services of its own.
 
 #include <boost/shared_ptr.hpp>
 

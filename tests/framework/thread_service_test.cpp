@@ -412,6 +412,36 @@ TEST(ThreadService, HostExitingWithoutJoinExitsCleanly) {
     EXPECT_EQ(seen, "JF");  // queued jobs drained, then finished, before the exit completed
 }
 
+// A process that forks while a service runs: the child has no worker thread, so its exit must
+// not wait for one; the parent's service carries on untouched.
+TEST(ThreadService, ForkedChildExitsWithoutWaitingForTheParentsWorkers) {
+    const kiv_thread_service_handle service = kiv_thread_service_new("parent");
+    std::promise<void> ran;
+    kiv_thread_service_exec(service, [&ran] { ran.set_value(); }, "t", 0);
+    ran.get_future().wait();  // the worker is up
+    std::cout.flush();
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) std::exit(0);  // runs the exit-time teardown
+    int status = 0;
+    pid_t done = 0;
+    for (int i = 0; i < 1000 && done == 0; ++i) {
+        done = waitpid(child, &status, WNOHANG);
+        if (done == 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (done == 0) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        FAIL() << "the child hung at exit";
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    std::promise<void> again;
+    kiv_thread_service_exec(service, [&again] { again.set_value(); }, "t", 0);
+    EXPECT_EQ(again.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    kiv_thread_service_join(service, 0);
+    EXPECT_TRUE(kiv_thread_service_wait(service, hang_guard_ms));
+}
+
 TEST(ThreadService, ManyProducersLoseNothing) {
     constexpr int producers = 8;
     constexpr int jobs = 10000;
