@@ -26,11 +26,14 @@ test: build
 	@$(MAKE) --no-print-directory test-sanitize
 	@$(MAKE) --no-print-directory fuzz FUZZ_SECONDS=60
 
+# Any sanitizer report fails its test: leaks are checked, and the first report ends the process.
+SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 test-sanitize: deps
 	@for s in thread address; do \
 	  cmake -S . -B $(BUILD)-$$s -DCMAKE_BUILD_TYPE=Debug -DKIV_SANITIZE=$$s -DKIV_BUILD_BENCH=OFF >/dev/null && \
 	  cmake --build $(BUILD)-$$s -j $(JOBS) && \
-	  ctest --test-dir $(BUILD)-$$s --output-on-failure -j $(JOBS) -LE nosanitize || exit 1; \
+	  $(SANITIZER_ENV) ctest --test-dir $(BUILD)-$$s --output-on-failure -j $(JOBS) -LE nosanitize || exit 1; \
 	done
 
 # libFuzzer on the API (clang, with address and undefined sanitizers). New inputs go to the

@@ -1,10 +1,10 @@
 #!/bin/sh
 # Runs every benchmark of kiv_bench once (repetitions interleaved at random), keeps the
-# JSON in <build>/bench.json, prints the SQLite and thread-service tables and draws
-# docs/bench.png.
+# JSON in <build>/bench.json, prints the SQLite and thread-service tables and draws the chart
+# (<build>/bench.png; docs/bench.png with --readme, next to the published tables).
 #   sh bench/run.sh [build-dir] [--callgrind] [--readme] [kiv_bench flags...]
 # --callgrind  also counts instructions per row under valgrind (about two minutes more)
-# --readme     writes the tables into README.md between the bench markers
+# --readme     writes the tables into README.md between the bench markers, the chart to docs/
 # KIV_BENCH_REPETITIONS (default 9) sets the repetitions.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -40,10 +40,12 @@ fi
 status=0
 # shellcheck disable=SC2086
 python3 "$root/bench/report.py" "$build/bench.json" --plot-dir "$build" $readme || status=$?
+chart="$build/bench.png"
+[ -n "$readme" ] && chart="$root/docs/bench.png"
 if command -v gnuplot >/dev/null 2>&1; then
-  mkdir -p "$root/docs"
-  gnuplot -e "datadir='$build'; out='$root/docs/bench.png'" "$root/bench/plot.gp"
-  echo "chart: docs/bench.png"
+  mkdir -p "$(dirname "$chart")"
+  gnuplot -e "datadir='$build'; out='$chart'" "$root/bench/plot.gp"
+  echo "chart: $chart"
 else
   echo "gnuplot not found: no chart" >&2
 fi
