@@ -24,7 +24,7 @@
 // The leak checker asks this at exit. A forked child turns it off: its copy of the parent's
 // queues is referenced only from the worker's stack, and that thread does not exist there.
 static volatile int leak_check_off = 0;
-extern "C" int __lsan_is_turned_off() { return leak_check_off; }
+extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off() { return leak_check_off; }
 
 namespace {
 
