@@ -3,10 +3,11 @@
 // The process-wide "database" thread service, the live-object list and the registry of open
 // connections by name.
 //
-// kiv_database_init creates the service once (again after it has finished, with any earlier join
-// request still standing: the new service stops whenever the live-object list empties). The scheduling
-// functions forward to the framework's thread service with the current service handle, an
-// empty one before init and after the service has finished (the thread service then warns).
+// kiv_database_init creates the service once (again after it has finished, with any earlier
+// join request still standing: the new service stops whenever the live-object list empties).
+// The scheduling functions forward to the framework's thread service with the current service
+// handle, an empty one before init and after the service has finished (the thread service
+// then warns).
 // Shutdown: when the framework joins the service, it stops at once if no connection object is
 // alive, otherwise when the last one has been destroyed.
 
