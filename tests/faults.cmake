@@ -6,3 +6,8 @@ add_executable(kiv_oom_fault_tests ${CMAKE_CURRENT_SOURCE_DIR}/faults/oom_main.c
 kiv_host_executable(kiv_oom_fault_tests)
 target_link_libraries(kiv_oom_fault_tests PRIVATE kiv_test_support GTest::gtest)
 gtest_discover_tests(kiv_oom_fault_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS faults)
+
+add_executable(kiv_vfs_fault_tests ${CMAKE_CURRENT_SOURCE_DIR}/faults/io_main.cpp)
+kiv_host_executable(kiv_vfs_fault_tests)
+target_link_libraries(kiv_vfs_fault_tests PRIVATE kiv_test_support GTest::gtest)
+gtest_discover_tests(kiv_vfs_fault_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS faults)
