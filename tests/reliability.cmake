@@ -1,4 +1,6 @@
 # Reliability under load, crashes and faults: each executable loads the library as a host does.
+# Like the API tests, each test needs a process of its own (a join request outlives the service
+# it stopped), which ctest gives it.
 
 # A writer process for the crash test, killed mid-commit.
 add_executable(kiv_crash_writer ${CMAKE_CURRENT_SOURCE_DIR}/reliability/crash_writer.cpp)

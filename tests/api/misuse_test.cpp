@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/weak_ptr.hpp>
+
 #include <atomic>
 #include <cstdlib>
 #include <functional>
@@ -263,7 +265,12 @@ TEST(Misuse, StatementHeldAcrossCloseLeavesNothingBehind) {
     open_prepare_close();
     kiv_sqlite_destroy(c, __FILE__, __LINE__);
     ASSERT_TRUE(kiv_test::drain_database_worker());
-    c.reset();  // the last handle: the destructor finalizes
+    // The worker may still hold the finished job's handle for a moment; the last handle's
+    // release runs the destructor, which finalizes.
+    const boost::weak_ptr<_kiv_sqlite> gone = c;
+    c.reset();
+    for (int i = 0; i < 10000 && !gone.expired(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_TRUE(gone.expired());
     EXPECT_EQ(sqlite3_memory_used(), baseline);
     EXPECT_TRUE(kiv_test::join_database_service());
 }

@@ -101,7 +101,9 @@ TEST(Stress, WritersLookupsAndAJoinMidway) {
             }
         });
     }
-    while (created.load() < writers * objects_per_writer / 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const auto midway_deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (created.load() < writers * objects_per_writer / 2 && std::chrono::steady_clock::now() < midway_deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     kiv_thread_service_join(service, 0);
     for (int w = 0; w < writers; ++w) threads[static_cast<std::size_t>(w)].join();
     writing = false;
