@@ -14,14 +14,3 @@ target_compile_definitions(kiv_reliability_tests PRIVATE KIV_CRASH_WRITER="$<TAR
 add_dependencies(kiv_reliability_tests kiv_crash_writer)
 gtest_discover_tests(kiv_reliability_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS reliability)
 
-# Out of memory: its own executable, since SQLite's allocator is replaced before SQLite starts.
-add_executable(kiv_oom_tests ${CMAKE_CURRENT_SOURCE_DIR}/reliability/oom_main.cpp)
-kiv_host_executable(kiv_oom_tests)
-target_link_libraries(kiv_oom_tests PRIVATE kiv_test_support GTest::gtest)
-gtest_discover_tests(kiv_oom_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS reliability)
-
-# I/O faults: a VFS registered over the default one fails reads, writes and syncs.
-add_executable(kiv_io_fault_tests ${CMAKE_CURRENT_SOURCE_DIR}/reliability/io_fault_main.cpp)
-kiv_host_executable(kiv_io_fault_tests)
-target_link_libraries(kiv_io_fault_tests PRIVATE kiv_test_support GTest::gtest_main)
-gtest_discover_tests(kiv_io_fault_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS reliability)
