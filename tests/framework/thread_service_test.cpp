@@ -370,6 +370,17 @@ TEST(ThreadService, EmptyHandlesWarnAndReturnDefaults) {
     EXPECT_EQ(out.str(), "");
 }
 
+// Waits for a child process up to `timeout_ms`; kills it and returns false if it hangs.
+bool wait_for_child(pid_t child, int& status, long timeout_ms) {
+    for (long waited = 0; waited <= timeout_ms; waited += 10) {
+        if (waitpid(child, &status, WNOHANG) == child) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return false;
+}
+
 TEST(ThreadService, HostExitingWithoutJoinExitsCleanly) {
     // Fork before any service exists here: the child starts from one thread.
     int fds[2];
@@ -397,14 +408,7 @@ TEST(ThreadService, HostExitingWithoutJoinExitsCleanly) {
     }
     close(fds[1]);
     int status = 0;
-    pid_t done = 0;
-    for (int i = 0; i < 3000 && done == 0; ++i) {
-        done = waitpid(child, &status, WNOHANG);
-        if (done == 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (done == 0) {
-        kill(child, SIGKILL);
-        waitpid(child, &status, 0);
+    if (!wait_for_child(child, status, hang_guard_ms)) {
         close(fds[0]);
         FAIL() << "the child hung at exit";
     }
@@ -432,16 +436,7 @@ TEST(ThreadService, ForkedChildExitsWithoutWaitingForTheParentsWorkers) {
         std::exit(0);  // runs the exit-time teardown
     }
     int status = 0;
-    pid_t done = 0;
-    for (int i = 0; i < 1000 && done == 0; ++i) {
-        done = waitpid(child, &status, WNOHANG);
-        if (done == 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    if (done == 0) {
-        kill(child, SIGKILL);
-        waitpid(child, &status, 0);
-        FAIL() << "the child hung at exit";
-    }
+    ASSERT_TRUE(wait_for_child(child, status, 10000)) << "the child hung at exit";
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
     std::promise<void> again;
     kiv_thread_service_exec(service, [&again] { again.set_value(); }, "t", 0);
