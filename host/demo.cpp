@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdio>
 #include <iomanip>
-#include <iostream>
 #include <sstream>
 
 #include "session.h"
@@ -23,7 +22,6 @@ struct insert_outcome {
     double seconds = 0.0;
 };
 
-void report(const sql_error& error) { report_error(demo_path, 0, error); }
 
 // The whole insert, one transaction, meant to run on the database worker.
 insert_outcome insert_rows(const kiv_sqlite_handle& db) {
@@ -76,23 +74,20 @@ insert_outcome insert_rows(const kiv_sqlite_handle& db) {
     return out;
 }
 
-bool print_query(const kiv_sqlite_handle& db, const std::string& sql) {
-    std::unique_ptr<result_table> table;
+bool print_query(output& out, const kiv_sqlite_handle& db, const std::string& sql) {
+    result_printer printer(out, result_printer::format::table);
     sql_error error;
-    if (!run_statement(db, sql, table, error)) {
-        report(error);
-        return false;
-    }
-    std::cout << '\n';
-    if (table) table->print(std::cout);
-    std::cout << std::flush;
-    return true;
+    out.text() += '\n';
+    const bool ok = run_statement(db, sql, printer, error);
+    printer.finish();
+    if (!ok) report_error(out, demo_path, 0, error);
+    return ok;
 }
 
-int demo_on(connection& db) {
+int demo_on(output& out, connection& db) {
     sql_error error;
     if (!db.open(true, error)) {
-        report(error);
+        report_error(out, demo_path, 0, error);
         return 1;
     }
     // A file that is not a database opens fine; this first statement is where SQLite notices.
@@ -100,7 +95,7 @@ int demo_on(connection& db) {
                   "CREATE TABLE IF NOT EXISTS readings("
                   "id INTEGER PRIMARY KEY, sensor TEXT NOT NULL, value REAL NOT NULL, payload BLOB)",
                   error)) {
-        report(error);
+        report_error(out, demo_path, 0, error);
         return 1;
     }
 
@@ -108,41 +103,46 @@ int demo_on(connection& db) {
     const insert_outcome inserted = run_on_database_worker<insert_outcome>(
         [handle] { return insert_rows(handle); }, __FILE__, __LINE__);
     if (!inserted.ok) {
-        report(inserted.error);
+        report_error(out, demo_path, 0, inserted.error);
         return 1;
     }
 
+    std::ostringstream lines;
     if (inserted.replaced > 0) {
-        std::cout << "earlier run found: its " << inserted.replaced << " rows replaced\n";
+        lines << "earlier run found: its " << inserted.replaced << " rows replaced\n";
     } else {
-        std::cout << "no earlier rows: table readings filled\n";
+        lines << "no earlier rows: table readings filled\n";
     }
     const double rate = inserted.seconds > 0.0 ? static_cast<double>(demo_rows) / inserted.seconds : 0.0;
-    std::ostringstream line;
-    line << "inserted " << demo_rows << " rows in one transaction on the database worker: "
-         << std::fixed << std::setprecision(3) << inserted.seconds << " s, " << std::setprecision(0)
-         << rate << " rows/s";
-    std::cout << line.str() << std::endl;
+    lines << "inserted " << demo_rows << " rows in one transaction on the database worker: "
+          << std::fixed << std::setprecision(3) << inserted.seconds << " s, " << std::setprecision(0)
+          << rate << " rows/s\n";
+    out.text() += lines.str();
+    out.flush();
 
-    if (!print_query(db.handle(),
+    if (!print_query(out, db.handle(),
                      "SELECT count(*) AS rows, count(DISTINCT sensor) AS sensors, "
                      "min(value) AS min_value, max(value) AS max_value, "
                      "round(avg(value), 3) AS avg_value, count(payload) AS payloads "
                      "FROM readings"))
         return 1;
-    if (!print_query(db.handle(),
+    if (!print_query(out, db.handle(),
                      "SELECT id, sensor, value, payload FROM readings ORDER BY id LIMIT 6"))
         return 1;
-    std::cout << std::endl;
+    out.text() += '\n';
+    out.flush();
     return 0;
 }
 
 }  // namespace
 
-int run_demo() {
-    std::cout << "kiv_host demo on " << demo_path << std::endl;
+int run_demo(output& out) {
+    out.text() += "kiv_host demo on ";
+    out.text() += demo_path;
+    out.text() += '\n';
+    out.flush();
     connection db(demo_path, "demo");
-    return demo_on(db);
+    return demo_on(out, db);
 }
 
 }  // namespace kiv_host

@@ -1,6 +1,5 @@
 #include "session.h"
 
-#include <cstdlib>
 #include <iostream>
 
 #include "framework/kiv_thread_service.h"
@@ -44,7 +43,9 @@ bool connection::open(bool create, sql_error& error) {
     return false;
 }
 
-void report_error(const std::string& path, std::size_t statement_number, const sql_error& error) {
+void report_error(output& out, const std::string& path, std::size_t statement_number,
+                  const sql_error& error) {
+    out.flush();
     std::cout << std::flush;
     std::cerr << "kiv_host: " << path << ": ";
     if (statement_number > 0) std::cerr << "statement " << statement_number << ": ";
@@ -64,40 +65,8 @@ bool exec_sql(const kiv_sqlite_handle& db, const std::string& sql, sql_error& er
     return false;
 }
 
-std::vector<cell> read_row(const kiv_sqlite_handle& db, int columns) {
-    std::vector<cell> row(static_cast<std::size_t>(columns));
-    for (int c = 0; c < columns; ++c) {
-        cell& out = row[static_cast<std::size_t>(c)];
-        switch (kiv_sqlite_column_type(db, c)) {
-            case SQLITE_NULL:
-                out.text = "NULL";
-                out.type = cell::kind::null;
-                break;
-            case SQLITE_INTEGER:
-            case SQLITE_FLOAT:
-                // SQLite's own rendering keeps REAL values recognisable ("1.0", "2.5e-07").
-                out.text = kiv_sqlite_column_text(db, c);
-                out.type = cell::kind::number;
-                break;
-            case SQLITE_BLOB: {
-                unsigned char* data = nullptr;
-                int size = 0;
-                kiv_sqlite_column_blob(db, c, data, size);
-                const std::unique_ptr<unsigned char, decltype(&std::free)> owned(data, &std::free);
-                out.text = blob_literal(data, size > 0 ? static_cast<std::size_t>(size) : 0);
-                break;
-            }
-            default:
-                out.text = kiv_sqlite_column_text(db, c);
-                break;
-        }
-    }
-    return row;
-}
-
-bool run_statement(const kiv_sqlite_handle& db, const std::string& sql,
-                   std::unique_ptr<result_table>& table, sql_error& error) {
-    table.reset();
+bool run_statement(const kiv_sqlite_handle& db, const std::string& sql, result_printer& printer,
+                   sql_error& error) {
     if (kiv_sqlite_prepare(db, sql) != SQLITE_OK) {
         error = last_error(db, sql);
         kiv_sqlite_finalize(db);
@@ -110,21 +79,16 @@ bool run_statement(const kiv_sqlite_handle& db, const std::string& sql,
             const char* name = kiv_sqlite_column_name(db, c);
             names.emplace_back(name != nullptr ? name : "");
         }
-        table = std::make_unique<result_table>(std::move(names));
+        printer.begin(std::move(names));
     }
-    const int rc = kiv_sqlite_rows_each(db, [&](kiv_sqlite_handle row, unsigned long) {
-        if (table) table->add_row(read_row(row, columns));
-        return true;
-    });
-    if (rc != SQLITE_DONE) {
-        // Read before finalizing: finalize may replace SQLite's error state.
-        error = last_error(db, sql);
-        kiv_sqlite_finalize(db);
-        table.reset();
-        return false;
-    }
+    int rc = kiv_sqlite_step(db);
+    while (rc == SQLITE_ROW && (columns == 0 || printer.add_row(db))) rc = kiv_sqlite_step(db);
+    // SQLITE_ROW here: the output was closed and the rest of the rows are not wanted.
+    const bool ok = rc == SQLITE_DONE || rc == SQLITE_ROW;
+    // Read before finalizing: finalize may replace SQLite's error state.
+    if (!ok) error = last_error(db, sql);
     kiv_sqlite_finalize(db);
-    return true;
+    return ok;
 }
 
 bool shut_down_database_service() {

@@ -1,7 +1,7 @@
 #pragma once
 
-// The host's side of the library: a connection that is always destroyed, statements run into
-// result tables, work handed to the database worker, and the shutdown of the database service.
+// The host's side of the library: a connection that is always destroyed, statements whose
+// rows are printed as they are stepped, work handed to the database worker, and the shutdown of the database service.
 
 #include <exception>
 #include <functional>
@@ -13,7 +13,7 @@
 
 #include "kiv_database/database_service.h"
 #include "kiv_database/kiv_sqlite.h"
-#include "result_table.h"
+#include "output.h"
 
 namespace kiv_host {
 
@@ -42,19 +42,19 @@ private:
 };
 
 // Writes the error to standard error: "kiv_host: PATH: [statement N: ]SQLite error CODE: MESSAGE",
-// then the statement on a line of its own. Standard output is flushed first.
-void report_error(const std::string& path, std::size_t statement_number, const sql_error& error);
+// then the statement on a line of its own. `out` is written first.
+void report_error(output& out, const std::string& path, std::size_t statement_number,
+                  const sql_error& error);
 
 // Runs SQL text without a statement (kiv_sqlite_sql_stmt); false with `error` filled on failure.
 bool exec_sql(const kiv_sqlite_handle& db, const std::string& sql, sql_error& error);
 
 // Prepares one statement, steps it to its end and finalizes it. A statement with result
-// columns fills `table` (left empty otherwise). false with `error` filled on failure.
-bool run_statement(const kiv_sqlite_handle& db, const std::string& sql,
-                   std::unique_ptr<result_table>& table, sql_error& error);
-
-// The current row of `db`'s statement as printable cells.
-std::vector<cell> read_row(const kiv_sqlite_handle& db, int columns);
+// columns begins a result on `printer` and hands it each row; it stops early once the output is
+// closed. The printer is left to finish, also after an error, so the rows before it print.
+// false with `error` filled on failure.
+bool run_statement(const kiv_sqlite_handle& db, const std::string& sql, result_printer& printer,
+                   sql_error& error);
 
 // Runs `work` as a job on the database worker and waits for its result. Exceptions of `work`
 // come back here; std::future_error (broken promise) if the service dropped the job unrun.

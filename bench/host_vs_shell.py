@@ -1,0 +1,110 @@
+#!/usr/bin/env python3
+"""kiv_host beside the sqlite3 shell on one large result.
+
+Builds (once) a database with a 2,000,000-row table b(id INTEGER, name TEXT, value REAL,
+n INTEGER), then runs `SELECT * FROM b` in rounds, the three programs interleaved and their
+order rotated each round: the sqlite3 shell in its default list mode, kiv_host (aligned table)
+and kiv_host --csv, all writing to /dev/null. Prints per program the wall time and the peak
+resident memory of the process (getrusage of the child), the time ratios against the shell
+(min/median/max over the rounds), and how long `| head -3` takes for each.
+
+  python3 bench/host_vs_shell.py [--host build/kiv_host] [--db build/host-bench/big.db]
+                                 [--rounds 5]
+Needs the sqlite3 shell (Debian package sqlite3).
+"""
+import argparse
+import os
+import shutil
+import statistics
+import subprocess
+import sys
+import time
+
+ROWS = 2_000_000
+QUERY = "SELECT * FROM b"
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+
+
+def make_database(path):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    tmp = path + ".tmp"
+    if os.path.exists(tmp):
+        os.remove(tmp)
+    sql = ("CREATE TABLE b(id INTEGER PRIMARY KEY, name TEXT, value REAL, n INTEGER);"
+           "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c WHERE i < %d) "
+           "INSERT INTO b SELECT i, 'name-' || (i %% 1000), i / 8.0, i * 7 FROM c;" % ROWS)
+    subprocess.run(["sqlite3", tmp, sql], check=True)
+    os.replace(tmp, path)
+
+
+def run(command):
+    """Wall seconds and peak RSS in MB of one run with output to /dev/null."""
+    start = time.perf_counter()
+    child = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    _, status, usage = os.wait4(child.pid, 0)
+    elapsed = time.perf_counter() - start
+    child.returncode = os.waitstatus_to_exitcode(status)
+    if child.returncode != 0:
+        sys.exit("%s exited with status %d" % (command[0], child.returncode))
+    return elapsed, usage.ru_maxrss / 1024.0
+
+
+def head3(command):
+    """Seconds until `command | head -3` is over: three lines read, the pipe closed, and the
+    program gone."""
+    start = time.perf_counter()
+    child = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    for _ in range(3):
+        child.stdout.readline()
+    child.stdout.close()
+    child.wait()
+    return time.perf_counter() - start
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--host", default=os.path.join(ROOT, "build", "kiv_host"))
+    parser.add_argument("--db", default=os.path.join(ROOT, "build", "host-bench", "big.db"))
+    parser.add_argument("--rounds", type=int, default=5)
+    args = parser.parse_args()
+    if shutil.which("sqlite3") is None:
+        sys.exit("no sqlite3 shell: apt-get install -y sqlite3")
+    if not os.access(args.host, os.X_OK):
+        sys.exit("no %s: build it first (make build)" % args.host)
+    if not os.path.exists(args.db):
+        print("creating %s (%d rows) ..." % (args.db, ROWS), flush=True)
+        make_database(args.db)
+
+    programs = {
+        "sqlite3 (list)": ["sqlite3", args.db, QUERY],
+        "kiv_host": [args.host, "--no-create", args.db, QUERY],
+        "kiv_host --csv": [args.host, "--csv", "--no-create", args.db, QUERY],
+    }
+    names = list(programs)
+    run(programs[names[0]])  # the file into the page cache
+    times = {name: [] for name in names}
+    rss = {name: [] for name in names}
+    print("machine: %d CPUs, load average %.2f %.2f %.2f" % ((os.cpu_count(),) + os.getloadavg()))
+    for r in range(args.rounds):
+        order = names[r % len(names):] + names[:r % len(names)]
+        for name in order:
+            seconds, megabytes = run(programs[name])
+            times[name].append(seconds)
+            rss[name].append(megabytes)
+        print("round %d: %s" % (r + 1, ", ".join("%s %.2f s" % (n, times[n][-1]) for n in names)),
+              flush=True)
+
+    shell = names[0]
+    print("\n%-15s %9s %11s %16s %12s" % ("program", "median s", "max RSS MB", "ratio to shell",
+                                          "| head -3 s"))
+    print("%-15s %9s %11s %16s" % ("", "", "", "min/median/max"))
+    for name in names:
+        ratios = [t / s for t, s in zip(times[name], times[shell])]
+        print("%-15s %9.2f %11.1f %16s %12.3f" % (
+            name, statistics.median(times[name]), max(rss[name]),
+            "%.2f/%.2f/%.2f" % (min(ratios), statistics.median(ratios), max(ratios)),
+            head3(programs[name])))
+
+
+if __name__ == "__main__":
+    main()

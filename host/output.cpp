@@ -1,0 +1,241 @@
+#include "output.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <memory>
+
+namespace kiv_host {
+
+namespace {
+
+// Large enough that a pipe sees few writes, small enough that the first rows leave at once.
+constexpr std::size_t pipe_chunk = 64 * 1024;
+
+// One column per UTF-8 code point: continuation bytes (10xxxxxx) do not start one.
+std::size_t display_width(const std::string& text) {
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
+    }));
+}
+
+// Rewrites `text` so that it fits on one table line and returns its display width. Most values
+// need no change; they are only scanned.
+std::size_t escape_for_table(std::string& text) {
+    const auto special = [](char ch) {
+        const auto c = static_cast<unsigned char>(ch);
+        return c < 0x20U || c == 0x7FU || c == '\\';
+    };
+    if (std::none_of(text.begin(), text.end(), special)) return display_width(text);
+    static const char digits[] = "0123456789ABCDEF";
+    std::string escaped;
+    for (const char ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (!special(ch)) {
+            escaped += ch;
+        } else if (c == '\n' || c == '\r' || c == '\t' || c == '\\') {
+            escaped += '\\';
+            escaped += c == '\n' ? 'n' : c == '\r' ? 'r' : c == '\t' ? 't' : '\\';
+        } else {
+            escaped += "\\x";
+            escaped += digits[c >> 4];
+            escaped += digits[c & 0x0FU];
+        }
+    }
+    text.swap(escaped);
+    return display_width(text);
+}
+
+void append_csv_field(std::string& line, const std::string& value) {
+    if (value.find_first_of(",\"\r\n") == std::string::npos) {
+        line += value;
+        return;
+    }
+    line += '"';
+    for (const char ch : value) {
+        if (ch == '"') line += '"';
+        line += ch;
+    }
+    line += '"';
+}
+
+}  // namespace
+
+output::output() : flush_at_(::isatty(STDOUT_FILENO) != 0 ? 0 : pipe_chunk) {
+    buffer_.reserve(pipe_chunk + 1024);
+}
+
+void output::flush() {
+    if (!buffer_.empty() && error_ == 0) {
+        errno = 0;
+        if (std::fwrite(buffer_.data(), 1, buffer_.size(), stdout) != buffer_.size() ||
+            std::fflush(stdout) != 0) {
+            error_ = errno != 0 ? errno : EIO;
+        }
+    }
+    buffer_.clear();
+}
+
+std::string blob_literal(const unsigned char* data, std::size_t size) {
+    static const char digits[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(3 + 2 * size);
+    out += "X'";
+    for (std::size_t i = 0; i < size; ++i) {
+        out += digits[data[i] >> 4];
+        out += digits[data[i] & 0x0FU];
+    }
+    out += '\'';
+    return out;
+}
+
+result_printer::result_printer(output& out, format how) : out_(out), format_(how) {}
+
+void result_printer::begin(std::vector<std::string> names) {
+    if (separate_) out_.text() += '\n';
+    separate_ = true;
+    open_ = true;
+    names_ = std::move(names);
+    rows_ = 0;
+    const std::size_t columns = names_.size();
+    values_.assign(columns, std::string());
+    kinds_.assign(columns, kind::null);
+    value_widths_.assign(columns, 0);
+    if (format_ == format::csv) {
+        put_csv_line(names_.data(), nullptr);
+        return;
+    }
+    widths_.assign(columns, 0);
+    for (std::size_t c = 0; c < columns; ++c) widths_[c] = escape_for_table(names_[c]);
+    has_number_.assign(columns, false);
+    has_text_.assign(columns, false);
+    right_.assign(columns, false);
+    block_.clear();
+    in_block_ = true;
+}
+
+void result_printer::read_row(const kiv_sqlite_handle& db) {
+    // One type call per cell, then one value call; integers are formatted here, which is
+    // cheaper than SQLite's conversion and gives the same digits.
+    const int columns = static_cast<int>(names_.size());
+    for (int c = 0; c < columns; ++c) {
+        std::string& value = values_[static_cast<std::size_t>(c)];
+        kind& type = kinds_[static_cast<std::size_t>(c)];
+        switch (kiv_sqlite_column_type(db, c)) {
+            case SQLITE_NULL:
+                type = kind::null;
+                value.assign(format_ == format::table ? "NULL" : "");
+                break;
+            case SQLITE_INTEGER: {
+                char digits[24];
+                const auto end = std::to_chars(digits, digits + sizeof digits, kiv_sqlite_column_int64(db, c)).ptr;
+                value.assign(digits, end);
+                type = kind::number;
+                break;
+            }
+            case SQLITE_FLOAT:
+                // SQLite's own rendering keeps REAL values recognisable ("1.0", "2.0e-07").
+                value = kiv_sqlite_column_text(db, c);
+                type = kind::number;
+                break;
+            case SQLITE_BLOB: {
+                unsigned char* data = nullptr;
+                int size = 0;
+                kiv_sqlite_column_blob(db, c, data, size);
+                const std::unique_ptr<unsigned char, decltype(&std::free)> owned(data, &std::free);
+                value = blob_literal(data, size > 0 ? static_cast<std::size_t>(size) : 0);
+                type = kind::text;
+                break;
+            }
+            default:
+                value = kiv_sqlite_column_text(db, c);
+                type = kind::text;
+                break;
+        }
+    }
+}
+
+bool result_printer::add_row(const kiv_sqlite_handle& db) {
+    read_row(db);
+    ++rows_;
+    if (format_ == format::csv) {
+        put_csv_line(values_.data(), kinds_.data());
+        return !out_.closed();
+    }
+    const std::size_t columns = names_.size();
+    for (std::size_t c = 0; c < columns; ++c) {
+        value_widths_[c] = kinds_[c] == kind::text ? escape_for_table(values_[c]) : values_[c].size();
+    }
+    if (!in_block_) {
+        put_table_line(values_.data(), value_widths_.data());
+        return !out_.closed();
+    }
+    for (std::size_t c = 0; c < columns; ++c) {
+        widths_[c] = std::max(widths_[c], value_widths_[c]);
+        if (kinds_[c] == kind::number) has_number_[c] = true;
+        if (kinds_[c] == kind::text) has_text_[c] = true;
+        block_.push_back(std::move(values_[c]));
+    }
+    if (rows_ == block_rows) print_block();
+    return !out_.closed();
+}
+
+bool result_printer::finish() {
+    if (!open_) return false;
+    open_ = false;
+    if (in_block_) print_block();
+    return true;
+}
+
+void result_printer::print_block() {
+    in_block_ = false;
+    const std::size_t columns = names_.size();
+    for (std::size_t c = 0; c < columns; ++c) right_[c] = has_number_[c] && !has_text_[c];
+    std::vector<std::size_t> widths(columns);
+    for (std::size_t c = 0; c < columns; ++c) widths[c] = display_width(names_[c]);
+    put_table_line(names_.data(), widths.data());
+    std::vector<std::string> rule(columns);
+    for (std::size_t c = 0; c < columns; ++c) rule[c].assign(widths_[c], '-');
+    put_table_line(rule.data(), widths_.data());
+    for (std::size_t first = 0; first < block_.size(); first += columns) {
+        for (std::size_t c = 0; c < columns; ++c) widths[c] = display_width(block_[first + c]);
+        put_table_line(&block_[first], widths.data());
+    }
+    block_.clear();
+}
+
+void result_printer::put_table_line(const std::string* cells, const std::size_t* widths) {
+    std::string& line = out_.text();
+    const std::size_t columns = names_.size();
+    for (std::size_t c = 0; c < columns; ++c) {
+        if (c > 0) line.append(2, ' ');
+        const std::size_t pad = widths_[c] > widths[c] ? widths_[c] - widths[c] : 0;
+        if (right_[c]) line.append(pad, ' ');
+        line += cells[c];
+        if (!right_[c]) line.append(pad, ' ');
+    }
+    // No trailing blanks; a line never reaches back into the one before (it ends in '\n').
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    line += '\n';
+    out_.line_done();
+}
+
+void result_printer::put_csv_line(const std::string* cells, const kind* kinds) {
+    std::string& line = out_.text();
+    const std::size_t columns = names_.size();
+    for (std::size_t c = 0; c < columns; ++c) {
+        if (c > 0) line += ',';
+        if (kinds != nullptr && kinds[c] != kind::text) {
+            line += cells[c];
+        } else {
+            append_csv_field(line, cells[c]);
+        }
+    }
+    line += '\n';
+    out_.line_done();
+}
+
+}  // namespace kiv_host
