@@ -10,7 +10,7 @@ resident memory of the process (getrusage of the child), the time ratios against
 
   python3 bench/host_vs_shell.py [--host build/kiv_host] [--db build/host-bench/big.db]
                                  [--rounds 5]
-Needs the sqlite3 shell (Debian package sqlite3).
+Needs the sqlite3 shell and /usr/bin/time (Debian packages sqlite3 and time).
 """
 import argparse
 import os
@@ -37,16 +37,15 @@ def make_database(path):
     os.replace(tmp, path)
 
 
-def run(command):
-    """Wall seconds and peak RSS in MB of one run with output to /dev/null."""
+def run(command, rss_file):
+    """Wall seconds and peak RSS in MB of one run with output to /dev/null. The RSS comes from
+    /usr/bin/time: a child forked from Python would count Python's own pages as its peak."""
     start = time.perf_counter()
-    child = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    _, status, usage = os.wait4(child.pid, 0)
+    subprocess.run(["/usr/bin/time", "-f", "%M", "-o", rss_file] + command, check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     elapsed = time.perf_counter() - start
-    child.returncode = os.waitstatus_to_exitcode(status)
-    if child.returncode != 0:
-        sys.exit("%s exited with status %d" % (command[0], child.returncode))
-    return elapsed, usage.ru_maxrss / 1024.0
+    with open(rss_file) as f:
+        return elapsed, int(f.read().split()[-1]) / 1024.0
 
 
 def head3(command):
@@ -67,8 +66,8 @@ def main():
     parser.add_argument("--db", default=os.path.join(ROOT, "build", "host-bench", "big.db"))
     parser.add_argument("--rounds", type=int, default=5)
     args = parser.parse_args()
-    if shutil.which("sqlite3") is None:
-        sys.exit("no sqlite3 shell: apt-get install -y sqlite3")
+    if shutil.which("sqlite3") is None or not os.access("/usr/bin/time", os.X_OK):
+        sys.exit("needs the sqlite3 shell and /usr/bin/time: apt-get install -y sqlite3 time")
     if not os.access(args.host, os.X_OK):
         sys.exit("no %s: build it first (make build)" % args.host)
     if not os.path.exists(args.db):
@@ -81,14 +80,15 @@ def main():
         "kiv_host --csv": [args.host, "--csv", "--no-create", args.db, QUERY],
     }
     names = list(programs)
-    run(programs[names[0]])  # the file into the page cache
+    rss_file = args.db + ".rss"
+    run(programs[names[0]], rss_file)  # the file into the page cache
     times = {name: [] for name in names}
     rss = {name: [] for name in names}
     print("machine: %d CPUs, load average %.2f %.2f %.2f" % ((os.cpu_count(),) + os.getloadavg()))
     for r in range(args.rounds):
         order = names[r % len(names):] + names[:r % len(names)]
         for name in order:
-            seconds, megabytes = run(programs[name])
+            seconds, megabytes = run(programs[name], rss_file)
             times[name].append(seconds)
             rss[name].append(megabytes)
         print("round %d: %s" % (r + 1, ", ".join("%s %.2f s" % (n, times[n][-1]) for n in names)),

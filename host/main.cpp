@@ -4,6 +4,7 @@
 //   kiv_host [options] PATH SQL...  run SQL texts on PATH, printing rows as they come
 //   kiv_host [options] PATH -       run SQL read from standard input
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -219,6 +220,10 @@ int main(int argc, char** argv) {
     }
     if (!opts.demo && !check_path(opts)) return exit_database_error;
 
+    // Each connection here is used by one thread at a time, which is also the library's rule, so
+    // SQLite's per-connection mutex (locked in every column call) is not needed. Before any
+    // other SQLite call; should SQLite be initialised already, it keeps its default mode.
+    sqlite3_config(SQLITE_CONFIG_MULTITHREAD);
     // A reader that goes away shows up as EPIPE on the next write, which ends the run quietly.
     std::signal(SIGPIPE, SIG_IGN);
     kiv_host::output out;

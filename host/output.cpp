@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 namespace kiv_host {
@@ -22,19 +24,26 @@ std::size_t display_width(const std::string& text) {
     }));
 }
 
+bool needs_escape(char ch) {
+    const auto c = static_cast<unsigned char>(ch);
+    return c < 0x20U || c == 0x7FU || c == '\\';
+}
+
 // Rewrites `text` so that it fits on one table line and returns its display width. Most values
-// need no change; they are only scanned.
+// need no change; they are only scanned, once.
 std::size_t escape_for_table(std::string& text) {
-    const auto special = [](char ch) {
-        const auto c = static_cast<unsigned char>(ch);
-        return c < 0x20U || c == 0x7FU || c == '\\';
-    };
-    if (std::none_of(text.begin(), text.end(), special)) return display_width(text);
+    std::size_t width = 0;
+    bool plain = true;
+    for (const char ch : text) {
+        plain = plain && !needs_escape(ch);
+        width += (static_cast<unsigned char>(ch) & 0xC0U) != 0x80U;
+    }
+    if (plain) return width;
     static const char digits[] = "0123456789ABCDEF";
     std::string escaped;
     for (const char ch : text) {
         const auto c = static_cast<unsigned char>(ch);
-        if (!special(ch)) {
+        if (!needs_escape(ch)) {
             escaped += ch;
         } else if (c == '\n' || c == '\r' || c == '\t' || c == '\\') {
             escaped += '\\';
@@ -49,8 +58,30 @@ std::size_t escape_for_table(std::string& text) {
     return display_width(text);
 }
 
+// REAL values in SQLite's style ("%!.15g": 15 significant digits, always a digit after the
+// point, "1.0", "2.5e-07", "Inf"), correctly rounded. SQLite's own conversion of each value
+// to text costs more than the rest of the row together.
+void format_real(double value, std::string& out) {
+    if (value == 0.0) {
+        out.assign("0.0");  // SQLite drops the sign of -0.0
+        return;
+    }
+    if (std::isinf(value)) {
+        out.assign(value < 0 ? "-Inf" : "Inf");
+        return;
+    }
+    char digits[40];
+    const char* const text = digits;
+    const char* const end = std::to_chars(digits, digits + sizeof digits, value, std::chars_format::general, 15).ptr;
+    const char* const exponent = std::find(text, end, 'e');
+    out.assign(text, exponent);
+    if (std::find(text, exponent, '.') == exponent) out += ".0";
+    out.append(exponent, end);
+}
+
 void append_csv_field(std::string& line, const std::string& value) {
-    if (value.find_first_of(",\"\r\n") == std::string::npos) {
+    const auto special = [](char c) { return c == ',' || c == '"' || c == '\r' || c == '\n'; };
+    if (std::none_of(value.begin(), value.end(), special)) {
         line += value;
         return;
     }
@@ -137,8 +168,7 @@ void result_printer::read_row(const kiv_sqlite_handle& db) {
                 break;
             }
             case SQLITE_FLOAT:
-                // SQLite's own rendering keeps REAL values recognisable ("1.0", "2.0e-07").
-                value = kiv_sqlite_column_text(db, c);
+                format_real(kiv_sqlite_column_double(db, c), value);
                 type = kind::number;
                 break;
             case SQLITE_BLOB: {
@@ -208,17 +238,25 @@ void result_printer::print_block() {
 }
 
 void result_printer::put_table_line(const std::string* cells, const std::size_t* widths) {
-    std::string& line = out_.text();
+    // Sized once and filled in place: this runs for every row.
     const std::size_t columns = names_.size();
+    std::size_t length = 2 * columns;
+    for (std::size_t c = 0; c < columns; ++c) length += std::max(widths_[c], widths[c]) - widths[c] + cells[c].size();
+    std::string& line = out_.text();
+    const std::size_t start = line.size();
+    line.resize(start + length);
+    char* at = &line[start];
     for (std::size_t c = 0; c < columns; ++c) {
-        if (c > 0) line.append(2, ' ');
-        const std::size_t pad = widths_[c] > widths[c] ? widths_[c] - widths[c] : 0;
-        if (right_[c]) line.append(pad, ' ');
-        line += cells[c];
-        if (!right_[c]) line.append(pad, ' ');
+        const std::size_t pad = std::max(widths_[c], widths[c]) - widths[c];
+        const std::size_t before = (c > 0 ? 2 : 0) + (right_[c] ? pad : 0);
+        std::memset(at, ' ', before);
+        std::memcpy(at + before, cells[c].data(), cells[c].size());
+        at += before + cells[c].size();
+        if (!right_[c]) at = static_cast<char*>(std::memset(at, ' ', pad)) + pad;
     }
-    // No trailing blanks; a line never reaches back into the one before (it ends in '\n').
-    while (!line.empty() && line.back() == ' ') line.pop_back();
+    // No trailing blanks (a line never reaches back into the one before: that ends in '\n').
+    line.resize(static_cast<std::size_t>(at - line.data()));
+    while (line.size() > start && line.back() == ' ') line.pop_back();
     line += '\n';
     out_.line_done();
 }
