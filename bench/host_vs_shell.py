@@ -4,12 +4,12 @@
 Builds (once) a database with a 2,000,000-row table b(id INTEGER, name TEXT, value REAL,
 n INTEGER), then runs `SELECT * FROM b` in rounds, the three programs interleaved and their
 order rotated each round: the sqlite3 shell in its default list mode, kiv_host (aligned table)
-and kiv_host --csv, all writing to /dev/null. Prints per program the wall time and the peak
-resident memory of the process (getrusage of the child), the time ratios against the shell
+and kiv_host --csv, all writing to /dev/null. Prints per program the wall and CPU time, the peak
+resident memory, the ratios of wall and CPU time to the shell's in the same round
 (min/median/max over the rounds), and how long `| head -3` takes for each.
 
   python3 bench/host_vs_shell.py [--host build/kiv_host] [--db build/host-bench/big.db]
-                                 [--rounds 5]
+                                 [--rounds 7]
 Needs the sqlite3 shell and /usr/bin/time (Debian packages sqlite3 and time).
 """
 import argparse
@@ -38,14 +38,16 @@ def make_database(path):
 
 
 def run(command, rss_file):
-    """Wall seconds and peak RSS in MB of one run with output to /dev/null. The RSS comes from
-    /usr/bin/time: a child forked from Python would count Python's own pages as its peak."""
+    """Wall seconds, CPU seconds and peak RSS in MB of one run with output to /dev/null. CPU
+    time and RSS come from /usr/bin/time: a child forked from Python would count Python's own
+    pages in its peak."""
     start = time.perf_counter()
-    subprocess.run(["/usr/bin/time", "-f", "%M", "-o", rss_file] + command, check=True,
+    subprocess.run(["/usr/bin/time", "-f", "%M %U %S", "-o", rss_file] + command, check=True,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     elapsed = time.perf_counter() - start
     with open(rss_file) as f:
-        return elapsed, int(f.read().split()[-1]) / 1024.0
+        kilobytes, user, system = f.read().split()[-3:]
+    return elapsed, float(user) + float(system), int(kilobytes) / 1024.0
 
 
 def head3(command):
@@ -64,7 +66,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--host", default=os.path.join(ROOT, "build", "kiv_host"))
     parser.add_argument("--db", default=os.path.join(ROOT, "build", "host-bench", "big.db"))
-    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--rounds", type=int, default=7)
     args = parser.parse_args()
     if shutil.which("sqlite3") is None or not os.access("/usr/bin/time", os.X_OK):
         sys.exit("needs the sqlite3 shell and /usr/bin/time: apt-get install -y sqlite3 time")
@@ -83,27 +85,33 @@ def main():
     rss_file = args.db + ".rss"
     run(programs[names[0]], rss_file)  # the file into the page cache
     times = {name: [] for name in names}
+    cpu = {name: [] for name in names}
     rss = {name: [] for name in names}
     print("machine: %d CPUs, load average %.2f %.2f %.2f" % ((os.cpu_count(),) + os.getloadavg()))
     for r in range(args.rounds):
         order = names[r % len(names):] + names[:r % len(names)]
         for name in order:
-            seconds, megabytes = run(programs[name], rss_file)
+            seconds, cpu_seconds, megabytes = run(programs[name], rss_file)
             times[name].append(seconds)
+            cpu[name].append(cpu_seconds)
             rss[name].append(megabytes)
         print("round %d: %s" % (r + 1, ", ".join("%s %.2f s" % (n, times[n][-1]) for n in names)),
               flush=True)
 
     shell = names[0]
-    print("\n%-15s %9s %11s %16s %12s" % ("program", "median s", "max RSS MB", "ratio to shell",
-                                          "| head -3 s"))
-    print("%-15s %9s %11s %16s" % ("", "", "", "min/median/max"))
+
+    def ratios(series, name):
+        r = [t / s for t, s in zip(series[name], series[shell])]
+        return "%.2f/%.2f/%.2f" % (min(r), statistics.median(r), max(r))
+
+    print("\n%-15s %7s %15s %7s %15s %7s %10s" % ("", "wall s", "wall ratio", "CPU s", "CPU ratio",
+                                                 "max RSS", "| head -3"))
+    print("%-15s %7s %15s %7s %15s %7s %10s" % ("program", "median", "min/median/max", "median",
+                                                 "min/median/max", "MB", "s"))
     for name in names:
-        ratios = [t / s for t, s in zip(times[name], times[shell])]
-        print("%-15s %9.2f %11.1f %16s %12.3f" % (
-            name, statistics.median(times[name]), max(rss[name]),
-            "%.2f/%.2f/%.2f" % (min(ratios), statistics.median(ratios), max(ratios)),
-            head3(programs[name])))
+        print("%-15s %7.2f %15s %7.2f %15s %7.1f %10.3f" % (
+            name, statistics.median(times[name]), ratios(times, name), statistics.median(cpu[name]),
+            ratios(cpu, name), max(rss[name]), head3(programs[name])))
 
 
 if __name__ == "__main__":

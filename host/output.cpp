@@ -149,8 +149,8 @@ void result_printer::begin(std::vector<std::string> names) {
 }
 
 void result_printer::read_row(const kiv_sqlite_handle& db) {
-    // One type call per cell, then one value call; integers are formatted here, which is
-    // cheaper than SQLite's conversion and gives the same digits.
+    // One type call per cell, then one value call. Numbers are read as numbers and formatted
+    // here: SQLite's conversion to text gives the same digits at a far higher cost.
     const int columns = static_cast<int>(names_.size());
     for (int c = 0; c < columns; ++c) {
         std::string& value = values_[static_cast<std::size_t>(c)];
