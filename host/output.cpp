@@ -193,6 +193,7 @@ bool result_printer::add_row(const kiv_sqlite_handle& db) {
     ++rows_;
     if (format_ == format::csv) {
         put_csv_line(values_.data(), kinds_.data());
+        if (rows_ == block_rows) out_.flush();  // the first rows out at once, as in a table
         return !out_.closed();
     }
     const std::size_t columns = names_.size();
@@ -209,7 +210,10 @@ bool result_printer::add_row(const kiv_sqlite_handle& db) {
         if (kinds_[c] == kind::text) has_text_[c] = true;
         block_.push_back(std::move(values_[c]));
     }
-    if (rows_ == block_rows) print_block();
+    if (rows_ == block_rows) {
+        print_block();
+        out_.flush();  // the first rows out at once, before a slow query fills a chunk
+    }
     return !out_.closed();
 }
 
