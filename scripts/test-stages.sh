@@ -40,20 +40,24 @@ build_dir() {
   return 1
 }
 
-# ctest in a directory, its output shown and kept; counts from ctest's own summary line.
+# ctest in a directory, its output kept in a log; counts from ctest's own summary line. On a
+# failure the log is shown without the lines of the tests that passed.
 run_ctest() {  # stage, dir, ctest arguments...
   local stage=$1 dir=$2; shift 2
-  local log="$dir/ctest-$stage.log"
-  ctest --test-dir "$dir" --output-on-failure -j "$JOBS" "$@" 2>&1 | tee "$log"
-  local line total bad
+  local log="$dir/ctest-$stage.log" line total bad
+  echo "running $(ctest --test-dir "$dir" -N "$@" | sed -n 's/^Total Tests: //p') tests (log: $log)"
+  ctest --test-dir "$dir" --output-on-failure -j "$JOBS" "$@" >"$log" 2>&1
   line=$(grep -E '^[0-9]+% tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -1)
+  bad=$(echo "$line" | sed -nE 's/.* ([0-9]+) tests? failed.*/\1/p')
+  total=$(echo "$line" | sed -nE 's/.*out of ([0-9]+).*/\1/p')
+  if [ -z "$line" ] || [ "$bad" -gt 0 ]; then
+    grep -vE '^ *Start +[0-9]+: |Test +#[0-9]+: .* Passed +[0-9.]+ sec$' "$log"
+  fi
   if [ -z "$line" ]; then
     verdict "$stage" 0 1 "no tests ran; log: $log"
-    return
+  else
+    verdict "$stage" $((total - bad)) "$bad"
   fi
-  bad=$(echo "$line" | sed -E 's/.* ([0-9]+) tests? failed.*/\1/')
-  total=$(echo "$line" | sed -E 's/.*out of ([0-9]+).*/\1/')
-  verdict "$stage" $((total - bad)) "$bad" "log: $log"
 }
 
 suite_built=""
@@ -101,7 +105,7 @@ for stage in "$@"; do
           verdict fuzz 1 0 "${runs:-?} inputs, corpus $(ls "$dir/corpus" | wc -l) files"
         else
           show_log "$log" 60
-          verdict fuzz 0 1 "findings in $dir/scratch; log: $log"
+          verdict fuzz 0 1 "inputs that fail land in $dir/scratch"
         fi
       else
         verdict fuzz 0 1 "build failed"
