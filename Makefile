@@ -4,6 +4,8 @@ BUILD      ?= build
 JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
 MAKEFLAGS  += --no-print-directory
+# Ninja checks an up-to-date build in milliseconds, where CMake's Makefiles take a second.
+export CMAKE_GENERATOR ?= Ninja
 
 .PHONY: all build run test test-sanitize fuzz bench package clean
 

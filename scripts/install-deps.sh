@@ -4,23 +4,28 @@
 set -eu
 # libFuzzer and the sanitizer runtimes of clang sit in the libclang-rt package of clang's version.
 clang_rt() {
-  v=$(apt-cache depends clang 2>/dev/null | sed -n 's/^ *Depends: clang-\([0-9][0-9]*\)$/\1/p' | head -1)
+  v=$(dpkg-query -W -f='${Depends}' clang 2>/dev/null | sed -n 's/^clang-\([0-9][0-9]*\).*/\1/p')
+  [ -n "$v" ] ||
+    v=$(apt-cache depends clang 2>/dev/null | sed -n 's/^ *Depends: clang-\([0-9][0-9]*\)$/\1/p' | head -1)
   echo "libclang-rt-${v:-14}-dev"
 }
 pkgs=""
 for group in "$@"; do
   case $group in
-    run) pkgs="$pkgs g++ cmake make pkg-config libboost-dev libsqlite3-dev" ;;
+    run) pkgs="$pkgs g++ cmake ninja-build make pkg-config libboost-dev libsqlite3-dev" ;;
     test) pkgs="$pkgs binutils libgtest-dev libgmock-dev valgrind clang $(clang_rt)" ;;
     bench) pkgs="$pkgs libbenchmark-dev libsqlitecpp-dev gnuplot-nox python3 sqlite3 valgrind" ;;
     package) pkgs="$pkgs dpkg-dev" ;;
     *) echo "install-deps.sh: unknown group $group (run, test, bench, package)" >&2; exit 2 ;;
   esac
 done
+# One query for all of them: this runs before every build.
+# shellcheck disable=SC2086
+installed=" $(dpkg-query -W -f='${db:Status-Status} ${Package}\n' $pkgs 2>/dev/null |
+  sed -n 's/^installed //p' | tr '\n' ' ')"
 missing=""
 for p in $pkgs; do
-  case " $missing " in *" $p "*) continue ;; esac
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing="$missing $p"
+  case "$installed $missing " in *" $p "*) ;; *) missing="$missing $p" ;; esac
 done
 [ -z "$missing" ] && exit 0
 if [ "$(id -u)" -ne 0 ]; then
