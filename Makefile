@@ -1,56 +1,69 @@
-# One entry point over CMake. `make run` runs the host program, `make test` the test suite.
-BUILD    ?= build
-JOBS     ?= $(shell nproc)
+# One entry point over CMake. `make run` runs the host program, `make test` the whole test run,
+# `make bench` the benchmarks, `make package` the Debian packages.
+BUILD      ?= build
+JOBS       ?= $(shell nproc)
 CMAKE_ARGS ?=
-MAKEFLAGS += --no-print-directory
+MAKEFLAGS  += --no-print-directory
+# Ninja checks an up-to-date build in milliseconds, where CMake's Makefiles take a second.
+export CMAKE_GENERATOR ?= Ninja
 
-.PHONY: all deps configure build run test test-sanitize fuzz bench clean
+.PHONY: all build run test test-sanitize fuzz bench package clean
 
 all: build
 
-deps:
-	@sh scripts/install-deps.sh
+# Configured once; later builds re-run CMake by themselves when a CMakeLists.txt changes.
+# Tests and benchmarks start off and are switched on by the targets that need them.
+$(BUILD)/cmake_install.cmake:
+	@sh scripts/install-deps.sh run
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DKIV_BUILD_TESTS=OFF -DKIV_BUILD_BENCH=OFF $(CMAKE_ARGS) >/dev/null
 
-configure: deps
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_ARGS) >/dev/null
+# Turns the option $(1) on in the build's cache unless it is on already.
+enable = grep -q '^$(1):BOOL=ON' $(BUILD)/CMakeCache.txt || cmake $(BUILD) -D$(1)=ON >/dev/null
 
-build: configure
+# Everything the build directory is configured for.
+build: $(BUILD)/cmake_install.cmake
 	@cmake --build $(BUILD) -j $(JOBS)
 
-run: build
+# Only the host and the two libraries it loads.
+run: $(BUILD)/cmake_install.cmake
+	@sh scripts/install-deps.sh run
+	@cmake --build $(BUILD) -j $(JOBS) --target kiv_host
 	@./$(BUILD)/kiv_host
 
-# The whole suite, its thread and address sanitizer builds, then a minute of fuzzing.
-test: build
-	@ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
-	@$(MAKE) --no-print-directory test-sanitize
-	@$(MAKE) --no-print-directory fuzz FUZZ_SECONDS=60
-
-# Any sanitizer report fails its test: leaks are checked, and the first report ends the process.
-SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
-test-sanitize: deps
-	@for s in thread address; do \
-	  cmake -S . -B $(BUILD)-$$s -DCMAKE_BUILD_TYPE=Debug -DKIV_SANITIZE=$$s -DKIV_BUILD_BENCH=OFF >/dev/null && \
-	  cmake --build $(BUILD)-$$s -j $(JOBS) && \
-	  $(SANITIZER_ENV) ctest --test-dir $(BUILD)-$$s --output-on-failure -j $(JOBS) -LE nosanitize || exit 1; \
-	done
-
-# libFuzzer on the API (clang, with address and undefined sanitizers). New inputs go to the
-# build's corpus; the committed seeds in tests/fuzz/corpus are only read. Findings land in the
-# build's scratch directory and fail the run.
+# The suite, the valgrind run, the thread and address sanitizer builds of the suite, then a
+# minute of fuzzing (FUZZ_SECONDS= on the command line to change); one verdict line per stage
+# and the total at the end. STAGES= picks stages.
 FUZZ_SECONDS ?= 600
-FUZZ_DIR = $(BUILD)-fuzz
-fuzz: deps
-	@cmake -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
-	  -DKIV_SANITIZE=fuzz -DKIV_BUILD_TESTS=OFF -DKIV_BUILD_BENCH=OFF -DKIV_BUILD_HOST=OFF >/dev/null
-	@cmake --build $(FUZZ_DIR) -j $(JOBS) --target kiv_api_fuzzer
-	@mkdir -p $(FUZZ_DIR)/corpus $(FUZZ_DIR)/scratch
-	@cd $(FUZZ_DIR)/scratch && ../kiv_api_fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
-	  -dict=$(CURDIR)/tests/fuzz/sql.dict -print_final_stats=1 ../corpus $(CURDIR)/tests/fuzz/corpus
+STAGES ?= suite valgrind thread address fuzz
+test: $(BUILD)/cmake_install.cmake
+	@sh scripts/install-deps.sh run test package
+	@$(call enable,KIV_BUILD_TESTS)
+	@BUILD=$(BUILD) JOBS=$(JOBS) \
+	  FUZZ_SECONDS=$(if $(filter command line,$(origin FUZZ_SECONDS)),$(FUZZ_SECONDS),60) \
+	  bash scripts/test-stages.sh $(STAGES)
 
-bench: build
+test-sanitize:
+	@sh scripts/install-deps.sh run test
+	@BUILD=$(BUILD) JOBS=$(JOBS) bash scripts/test-stages.sh thread address
+
+# libFuzzer on the API; its log goes to $(BUILD)-fuzz/fuzz.log.
+fuzz:
+	@sh scripts/install-deps.sh run test
+	@BUILD=$(BUILD) JOBS=$(JOBS) FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/test-stages.sh fuzz
+
+bench: $(BUILD)/cmake_install.cmake
+	@sh scripts/install-deps.sh run bench
+	@$(call enable,KIV_BUILD_BENCH)
+	@cmake --build $(BUILD) -j $(JOBS) --target kiv_bench
 	@sh bench/run.sh $(BUILD)
+
+# kiv-database and kiv-database-dev, in $(BUILD)/packages.
+package: $(BUILD)/cmake_install.cmake
+	@sh scripts/install-deps.sh run package
+	@cmake --build $(BUILD) -j $(JOBS) --target kiv_host
+	@cd $(BUILD) && cpack -G DEB -B packages
+	@ls $(BUILD)/packages/*.deb
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-thread $(BUILD)-address $(BUILD)-fuzz

@@ -1,5 +1,6 @@
 # Installation: both libraries, their headers, a CMake package (kiv::database, kiv::framework)
-# and a pkg-config file. Included from the top-level CMakeLists.txt.
+# and a pkg-config file. Included from the top-level CMakeLists.txt. Two components, one Debian
+# package each: runtime (the libraries with their SONAME links, kiv_host) and dev (the rest).
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -14,34 +15,33 @@ set_target_properties(kiv_framework PROPERTIES EXPORT_NAME framework)
 # so that target stays out of the export.
 install(TARGETS kiv_framework kiv_database
   EXPORT kiv_database_targets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 
-# Headers keep their directory, so that #include "kiv_database/kiv_sqlite.h" works with
-# -I<prefix>/include. kiv_console.h stays private to the framework library.
+# Headers keep their directory under include/kiv/, a directory of this project's own, so that
+# #include "kiv_database/kiv_sqlite.h" works with -I<prefix>/include/kiv and a generic
+# "framework/" never meets another package's. kiv_console.h stays private to the framework.
 install(FILES
   kiv_database/kiv_sqlite.h
   kiv_database/database_service.h
   kiv_database/kiv_export.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kiv_database)
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kiv/kiv_database COMPONENT dev)
 install(FILES
   framework/kiv_object.h
   framework/kiv_assertion.h
   framework/kiv_thread_service.h
   framework/kiv_framework_export.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/framework)
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kiv/framework COMPONENT dev)
 
 if(TARGET kiv_host)
   # Finds the libraries next to it wherever the prefix ends up.
   set_target_properties(kiv_host PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-  install(TARGETS kiv_host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS kiv_host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 endif()
 
 install(EXPORT kiv_database_targets
   NAMESPACE kiv::
   FILE kiv_databaseTargets.cmake
-  DESTINATION ${KIV_INSTALL_CMAKEDIR})
+  DESTINATION ${KIV_INSTALL_CMAKEDIR} COMPONENT dev)
 configure_package_config_file(
   ${CMAKE_CURRENT_LIST_DIR}/kiv_databaseConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/kiv_databaseConfig.cmake
@@ -53,7 +53,7 @@ write_basic_package_version_file(
 install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/kiv_databaseConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/kiv_databaseConfigVersion.cmake
-  DESTINATION ${KIV_INSTALL_CMAKEDIR})
+  DESTINATION ${KIV_INSTALL_CMAKEDIR} COMPONENT dev)
 
 # pkg-config: the prefix is found relative to the .pc file, so that
 # `cmake --install build --prefix P` gives a correct file for any P.
@@ -76,4 +76,4 @@ endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/kiv_database.pc.in
   ${CMAKE_CURRENT_BINARY_DIR}/kiv_database.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kiv_database.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)

@@ -1,21 +1,40 @@
 #!/bin/sh
-# Installs the Debian packages the project needs, or names the missing ones when not root.
+# Installs the Debian packages that a make target needs, or names the missing ones when not root.
+#   sh scripts/install-deps.sh GROUP...   (run: the host and the libraries; test; bench; package)
 set -eu
-pkgs="cmake make g++ binutils pkg-config libboost-dev libsqlite3-dev libgtest-dev libgmock-dev \
-libbenchmark-dev libsqlitecpp-dev gnuplot-nox clang libclang-rt-14-dev valgrind"
+# libFuzzer and the sanitizer runtimes of clang sit in the libclang-rt package of clang's version.
+clang_rt() {
+  v=$(dpkg-query -W -f='${Depends}' clang 2>/dev/null | sed -n 's/^clang-\([0-9][0-9]*\).*/\1/p')
+  [ -n "$v" ] ||
+    v=$(apt-cache depends clang 2>/dev/null | sed -n 's/^ *Depends: clang-\([0-9][0-9]*\)$/\1/p' | head -1)
+  echo "libclang-rt-${v:-14}-dev"
+}
+pkgs=""
+for group in "$@"; do
+  case $group in
+    run) pkgs="$pkgs g++ cmake ninja-build make pkg-config libboost-dev libsqlite3-dev" ;;
+    test) pkgs="$pkgs binutils libgtest-dev libgmock-dev valgrind clang $(clang_rt)" ;;
+    bench) pkgs="$pkgs libbenchmark-dev libsqlitecpp-dev gnuplot-nox python3 sqlite3 valgrind" ;;
+    package) pkgs="$pkgs dpkg-dev" ;;
+    *) echo "install-deps.sh: unknown group $group (run, test, bench, package)" >&2; exit 2 ;;
+  esac
+done
+# One query for all of them: this runs before every build.
+# shellcheck disable=SC2086
+installed=" $(dpkg-query -W -f='${db:Status-Status} ${Package}\n' $pkgs 2>/dev/null |
+  sed -n 's/^installed //p' | tr '\n' ' ')"
 missing=""
 for p in $pkgs; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "ok installed" || missing="$missing $p"
+  case "$installed $missing " in *" $p "*) ;; *) missing="$missing $p" ;; esac
 done
 [ -z "$missing" ] && exit 0
-if [ "$(id -u)" -eq 0 ]; then
-  echo "installing:$missing"
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -q >/dev/null
-  # shellcheck disable=SC2086
-  apt-get install -y -q $missing >/dev/null
-else
+if [ "$(id -u)" -ne 0 ]; then
   echo "missing Debian packages:$missing" >&2
-  echo "install them with: sudo apt-get install$missing" >&2
+  echo "install them with: sudo apt-get install -y$missing" >&2
   exit 1
 fi
+echo "installing$missing (with what they need; this takes a few minutes)"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update
+# shellcheck disable=SC2086
+apt-get install -y --no-install-recommends $missing

@@ -1,0 +1,54 @@
+#!/bin/sh
+# Builds the Debian packages, unpacks them (dpkg -x, nothing installed) and builds the README's
+# example against the unpacked tree, through the CMake package and through pkg-config, each time
+# with an unused library linked after it. Each program prints the README's output and names the
+# library, the framework and SQLite as NEEDED, but not the unused library.
+#   package_test.sh <build dir> <source dir> <scratch dir> <C++ compiler>
+set -eu
+build=$1 src=$2 work=$3 cxx=$4
+fail() { echo "FAIL: $*"; exit 1; }
+rm -rf "$work" && mkdir -p "$work/root" && cd "$work"
+(cd "$build" && cpack -G DEB -B "$work/debs") >cpack.log 2>&1 || { cat cpack.log; fail cpack; }
+for deb in debs/*.deb; do dpkg -x "$deb" root; done
+usr=$work/root/usr
+for f in bin/kiv_host lib/libkiv_database.so.1 lib/libkiv_framework.so.1 lib/libkiv_database.so \
+    include/kiv/kiv_database/kiv_sqlite.h include/kiv/framework/kiv_thread_service.h; do
+  [ -e "$usr/$f" ] || fail "$f not in the packages"
+done
+[ ! -e "$usr/include/kiv/framework/kiv_console.h" ] || fail "the framework's private header is packaged"
+dpkg-deb -f debs/kiv-database_*.deb Depends | grep libsqlite3-0 | grep -q libstdc++6 || fail "runtime Depends"
+dpkg-deb -f debs/kiv-database-dev_*.deb Depends | grep -q 'kiv-database (=.*libboost-dev, libsqlite3-dev' ||
+  fail "-dev Depends"
+env -u LD_LIBRARY_PATH "$usr/bin/kiv_host" :memory: "SELECT 1" >/dev/null || fail "packaged kiv_host"
+
+block() { sed -n "/<!-- $1:begin -->/,/<!-- $1:end -->/p" "$src/README.md" | sed '1,2d;$d' | sed '$d'; }
+block example >main.cpp
+block example-output >expected
+echo 'int kiv_never_called() { return 1; }' >unused.cpp
+# The first two shutdown lines come from two threads, in either order.
+ordered() { grep -v -e '^left objects in database' -e '^DATABASE SERVICE SHOT DONW REQUEST$' "$1"; }
+check() {
+  mkdir -p "run-$1" && (cd "run-$1" && LD_LIBRARY_PATH="$usr/lib" "../$1" >out 2>err) ||
+    fail "$1: $(cat "run-$1/err")"
+  [ ! -s "run-$1/err" ] && [ "$(sort "run-$1/out")" = "$(sort expected)" ] &&
+    [ "$(ordered "run-$1/out")" = "$(ordered expected)" ] || fail "$1 prints other than README.md"
+  needed=$(readelf -d "$1" | grep NEEDED)
+  for lib in libkiv_database libkiv_framework libsqlite3; do
+    echo "$needed" | grep -q "\[$lib\.so" || fail "$1 does not name $lib as NEEDED"
+  done
+  ! echo "$needed" | grep -q libunused || fail "$1 names libunused as NEEDED: --as-needed not back on"
+}
+
+cmake -S "$src/tests/consumer" -B cmake -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_PREFIX_PATH="$usr" \
+  -DKIV_EXAMPLE="$work/main.cpp" -DKIV_UNUSED="$work/unused.cpp" >cmake.log 2>&1 &&
+  cmake --build cmake >>cmake.log 2>&1 || { cat cmake.log; fail "CMake package"; }
+grep -qx "kiv_database_DIR:PATH=$usr/lib/cmake/kiv_database" cmake/CMakeCache.txt || fail "found elsewhere"
+cp cmake/consumer cmake-consumer && check cmake-consumer
+
+flags=$(PKG_CONFIG_PATH="$usr/lib/pkgconfig" pkg-config --cflags --libs kiv_database)
+[ "$(echo "$flags" | grep -o -- -lsqlite3 | wc -l)" = 1 ] || fail "pkg-config lists SQLite other than once: $flags"
+"$cxx" -shared -fPIC unused.cpp -o libunused.so
+# shellcheck disable=SC2086
+"$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror main.cpp -o pc-consumer $flags -L. -lunused
+check pc-consumer
+echo "packages ok: $(ls debs)"
