@@ -25,6 +25,26 @@ bool shutdown_requested = false;
 // destroy job releases it. Never held together with database_mutex or an object mutex.
 std::mutex registry_mutex;
 
+// Destroyed first at unload, which -z nodelete puts at process exit. A service still running
+// then (no join; the framework tears its services down after ours when the host created one
+// before loading us) would run destroy jobs and the finish handler on the state above after it
+// is gone: stop it and wait until it has finished. Nothing to do after a join.
+struct service_drain {
+    service_drain() = default;
+    service_drain(const service_drain&) = delete;
+    service_drain& operator=(const service_drain&) = delete;
+    ~service_drain() {
+        boost::shared_ptr<_kiv_thread_service> service;
+        {
+            std::lock_guard<std::mutex> guard(database_mutex);
+            service = database_service;
+        }
+        if (!service) return;
+        kiv_thread_service_stop(service, nullptr);
+        kiv_thread_service_wait(service);  // returns at once when exit was called on the worker
+    }
+} drain_at_unload;
+
 void service_line(const char* text) { std::cout << text << std::endl; }
 
 void on_service_stopped(boost::shared_ptr<_kiv_thread_service>) {

@@ -1,7 +1,8 @@
 // The library as a plug-in: loaded with dlopen, unloaded in the states a host leaves it in.
 //   cycles   200 x load, init, open, query, destroy, join, unload
 //   running  unload with the service running; load again, one cycle, join
-//   open     unload with an open object (statement stepped) never destroyed, then exit
+//   open     a host with a service of its own: unload with the database service running and an
+//            open object (statement stepped) never destroyed, then exit
 // Exit status 0 when every step did what it should; the sanitizers watch the rest.
 
 #include <dlfcn.h>
@@ -88,6 +89,7 @@ int main(int argc, char** argv) {
         again.cycle();
         again.unload();
     } else if (mode == "open") {
+        kiv_thread_service_new("host");  // the framework's teardown at exit then comes after ours
         library kiv;
         kiv.query();
         kiv.unload();
