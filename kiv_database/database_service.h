@@ -18,7 +18,8 @@
 // kiv_sqlite_destroy). It may therefore also die on the scheduling thread, after it has run.
 // Unloading: the library stays mapped after dlclose (linked with -z nodelete), so it may be
 // unloaded in any state: the service running, objects still open. Loading it again finds the
-// same state (a running service, a finished one that init starts anew).
+// same state (a running service, a finished one that init starts anew). At exit a service
+// still running is stopped and waited for, then objects still alive are closed.
 
 #include <boost/shared_ptr.hpp>
 
