@@ -30,9 +30,6 @@ std::mutex registry_mutex;
 // before loading us) would run destroy jobs and the finish handler on the state above after it
 // is gone: stop it and wait until it has finished. Nothing to do after a join.
 struct service_drain {
-    service_drain() = default;
-    service_drain(const service_drain&) = delete;
-    service_drain& operator=(const service_drain&) = delete;
     ~service_drain() {
         boost::shared_ptr<_kiv_thread_service> service;
         {
