@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -20,8 +21,26 @@ std::map<std::string, boost::shared_ptr<_kiv_sqlite>> sqlite_registry;
 // an object mutex or the registry's lock.
 std::mutex database_mutex;
 bool shutdown_requested = false;
-// Guards only the registry map's own reads and changes.
+// Guards the registry map, and the statement of a registered connection while a lookup or its
+// destroy job releases it. Never held together with database_mutex or an object mutex.
 std::mutex registry_mutex;
+
+// Destroyed first at unload, which -z nodelete puts at process exit. A service still running
+// then (no join; the framework tears its services down after ours when the host created one
+// before loading us) would run destroy jobs and the finish handler on the state above after it
+// is gone: stop it and wait until it has finished. Nothing to do after a join.
+struct service_drain {
+    ~service_drain() {
+        boost::shared_ptr<_kiv_thread_service> service;
+        {
+            std::lock_guard<std::mutex> guard(database_mutex);
+            service = database_service;
+        }
+        if (!service) return;
+        kiv_thread_service_stop(service, nullptr);
+        kiv_thread_service_wait(service);  // returns at once when exit was called on the worker
+    }
+} drain_at_unload;
 
 void service_line(const char* text) { std::cout << text << std::endl; }
 
@@ -62,6 +81,26 @@ auto with_service(Forward&& forward) {
     return forward(database_service);
 }
 
+// The caller's function, shared between the library and the copy handed to the thread service.
+// That copy may die inside the forwarding call, under database_mutex (a refused job), and a
+// destructor of what the function holds may call back into the library (a host's guard calling
+// kiv_sqlite_destroy). With the library's share dropped only after the lock, such a destructor
+// runs there, or on the worker, never under the lock.
+template <class R>
+using shared_function = std::shared_ptr<std::function<R()>>;
+
+template <class R>
+shared_function<R> share(std::function<R()>&& function) {
+    return std::make_shared<std::function<R()>>(std::move(function));
+}
+
+// The thread service's copy; empty for an empty function, which the thread service handles.
+template <class R>
+std::function<R()> forwarded(const shared_function<R>& function) {
+    if (!*function) return {};
+    return [function] { return (*function)(); };
+}
+
 auto find_object(const _kiv_object* object) {
     return std::find_if(database_objects.begin(), database_objects.end(),
                         [object](const boost::shared_ptr<_kiv_object>& entry) { return entry.get() == object; });
@@ -76,23 +115,27 @@ void kiv_database_init() {
 
 // --- Work scheduling ---
 
+// `own` is declared before the lock is taken, so it goes after the lock is released.
 void kiv_database_exec(std::function<void()> job, std::string file, int line) {
+    const shared_function<void> own = share(std::move(job));
     with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        kiv_thread_service_exec(std::move(service), std::move(job), std::move(file), line);
+        kiv_thread_service_exec(std::move(service), forwarded(own), std::move(file), line);
     });
 }
 
 unsigned long kiv_database_set_timeout(std::function<void()> job, unsigned long delay, std::string file,
                                        int line) {
+    const shared_function<void> own = share(std::move(job));
     return with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        return kiv_thread_service_set_timeout(std::move(service), std::move(job), delay, std::move(file), line);
+        return kiv_thread_service_set_timeout(std::move(service), forwarded(own), delay, std::move(file), line);
     });
 }
 
 unsigned long kiv_database_set_interval(std::function<bool()> callback, unsigned long interval,
                                         std::string file, int line) {
+    const shared_function<bool> own = share(std::move(callback));
     return with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        return kiv_thread_service_set_interval(std::move(service), std::move(callback), interval,
+        return kiv_thread_service_set_interval(std::move(service), forwarded(own), interval,
                                                std::move(file), line);
     });
 }
@@ -174,9 +217,15 @@ boost::shared_ptr<_kiv_sqlite> kiv_database_get_sqlite(std::string name) {
         }
         return {};
     }
-    // A destroyed object is closed by its job on the worker, which finalizes the statement
-    // too: handing the object out now would have two threads releasing the same statement.
+    // A destroyed object belongs to its job on the worker, which closes it.
     if (found->is_destroyed()) return {};
-    found->finalize();
+    kiv_database_release_statement(*found);
     return found;
+}
+
+// Two lookups of the same connection, or a lookup and the destroy job, may reach here at once:
+// the registry's lock makes the statement go exactly once. finalize() takes no other lock.
+void kiv_database_release_statement(_kiv_sqlite& connection) {
+    std::lock_guard<std::mutex> guard(registry_mutex);
+    connection.finalize();
 }

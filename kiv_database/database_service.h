@@ -10,6 +10,16 @@
 // then warns).
 // Shutdown: when the framework joins the service, it stops at once if no connection object is
 // alive, otherwise when the last one has been destroyed.
+// Threads: every function here may be called from any thread, also from inside a job or timer.
+// Ownership of jobs and callbacks: the thread service and the library share the function handed
+// in. Whether it runs, is cleared or is refused (before init, after the service finished), it
+// dies on the worker or on the calling thread after the library's lock is released, so what it
+// holds may call back into the library when it goes (a guard whose destructor calls
+// kiv_sqlite_destroy). It may therefore also die on the scheduling thread, after it has run.
+// Unloading: the library stays mapped after dlclose (linked with -z nodelete), so it may be
+// unloaded in any state: the service running, objects still open. Loading it again finds the
+// same state (a running service, a finished one that init starts anew). At exit a service
+// still running is stopped and waited for, then objects still alive are closed.
 
 #include <boost/shared_ptr.hpp>
 
@@ -37,6 +47,9 @@ KIV_DATABASE_API int kiv_database_run_once();
 
 // The open connection registered under `name`, its statement finalized; empty if none, and
 // empty for one already handed to kiv_sqlite_destroy (its job on the worker still closes it).
+// Safe from any thread, also racing other lookups of the same name or the connection's destroy
+// job: the statement is released once. The statement is not the caller's to keep: do not look
+// up a connection whose owner is still using it on another thread.
 KIV_DATABASE_API boost::shared_ptr<_kiv_sqlite> kiv_database_get_sqlite(std::string name);
 
 // --- Internal to the library ---
@@ -46,3 +59,5 @@ KIV_DATABASE_LOCAL void kiv_database_unref(boost::shared_ptr<_kiv_object> object
 // Registry: enter under the name if it is free; remove whatever is under the name.
 KIV_DATABASE_LOCAL void kiv_database_register_sqlite(boost::shared_ptr<_kiv_sqlite> connection);
 KIV_DATABASE_LOCAL void kiv_database_unregister_sqlite(boost::shared_ptr<_kiv_sqlite> connection);
+// Finalizes the connection's statement under the registry's lock (lookups and the destroy job).
+KIV_DATABASE_LOCAL void kiv_database_release_statement(_kiv_sqlite& connection);

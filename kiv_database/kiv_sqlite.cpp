@@ -63,7 +63,7 @@ boost::shared_ptr<_kiv_sqlite> self_handle(_kiv_sqlite& object) {
 // reference back and leave the live-object list (which may complete a requested shutdown).
 void run_destroy_job(const boost::shared_ptr<_kiv_sqlite>& object) {
     if (object->is_opened()) {
-        object->finalize();
+        kiv_database_release_statement(*object);  // a lookup may be releasing it right now
         object->close();
     }
     if (object->is_reffed()) kiv_object_unref_real(object);

@@ -11,7 +11,8 @@
 // Checks: preconditions ("database must be opened", ...) go to kiv_assertion_faild, one call per
 // condition, holding or not. When a check fails and the assertion function returns, the call
 // makes no SQLite call with the missing handle and returns SQLITE_MISUSE, 0, nullptr or "".
-// Threads: one thread at a time per object; get_name and is_opened are safe from any thread.
+// Threads: one thread at a time per object; get_name and is_opened are safe from any thread,
+// and so are lookups by name (kiv_database_get_sqlite) and destroy.
 // Ownership: objects come only from kiv_sqlite_new and go through kiv_sqlite_destroy; dropping
 // the handles alone keeps the object alive (and the database service from shutting down).
 
@@ -120,7 +121,12 @@ KIV_DATABASE_API bool kiv_sqlite_is_opened(boost::shared_ptr<_kiv_sqlite> handle
 // --- Destruction ---
 // Marks the object destroyed and posts a job to the database worker that finalizes, closes,
 // gives the framework reference back and stops tracking it. A second call only warns, naming
-// `file`:`line`. Returns true for any non-empty handle.
+// `file`:`line`. Returns true for any non-empty handle. May be called from any thread, also
+// from a job or timer, or from the destructor of something a job holds (a host's guard).
+// Do not use the object after this call: the job owns it from then on. While no database
+// service runs (before kiv_database_init, after the service finished) the job is refused: the
+// object stays marked, open and tracked, a later destroy only warns, and a join of a later
+// service never ends.
 KIV_DATABASE_API bool kiv_sqlite_destroy(boost::shared_ptr<_kiv_sqlite> handle, std::string file,
                                          int line);
 

@@ -1,0 +1,102 @@
+// The library in a host: lookups from several threads, guards that destroy from inside jobs.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <iostream>
+#include <string>
+#include <thread>
+
+#include "framework/kiv_thread_service.h"
+#include "kiv_database/database_service.h"
+#include "kiv_database/kiv_sqlite.h"
+
+namespace {
+
+// A deadlock must fail at once, not hang the test (nor its exit): the process ends when `done`
+// is still false after ten seconds.
+void within_deadline(const char* what, const std::function<bool()>& done) {
+    for (int i = 0; i < 1000 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (done()) return;
+    std::cerr << "deadlock: " << what << std::endl;
+    std::_Exit(1);
+}
+
+// A host's guard: destroys its connection when the function holding it dies.
+struct guard {
+    explicit guard(kiv_sqlite_handle connection) : db(std::move(connection)) {}
+    ~guard() { kiv_sqlite_destroy(db, __FILE__, __LINE__); }
+    kiv_sqlite_handle db;
+};
+using schedule = std::function<void(std::shared_ptr<guard>)>;
+
+// Hands `how`, on a thread of its own, the only share of a guard of a new open connection, and
+// waits until the guard has destroyed it. Returns the connection.
+kiv_sqlite_handle guarded(const schedule& how) {
+    const kiv_sqlite_handle db = kiv_sqlite_new(":memory:", "guarded");
+    EXPECT_EQ(kiv_sqlite_open(db), SQLITE_OK);
+    std::thread(how, std::make_shared<guard>(db)).detach();
+    within_deadline("guard", [&] {
+        std::lock_guard<std::mutex> lock(db->mutex);
+        return boost::any_cast<bool>(db->properties["object-destroyed"]);
+    });
+    return db;
+}
+
+const unsigned long hour = 3600000;
+const schedule run_job = [](auto g) { kiv_database_exec([g = std::move(g)] {}, __FILE__, __LINE__); };
+
+}  // namespace
+
+// Two lookups at once, or a lookup racing the destroy job, of an open object whose owner left a
+// stepped statement on it: the statement goes exactly once.
+TEST(HostSafety, LookupsRaceEachOtherAndTheDestroyJob) {
+    kiv_database_init();
+    for (int round = 0; round < 400; ++round) {
+        const bool destroy = round % 2 == 1;
+        const std::string name = std::to_string(round);
+        const kiv_sqlite_handle db = kiv_sqlite_new(":memory:", name);
+        EXPECT_TRUE(kiv_sqlite_open(db) == SQLITE_OK && kiv_sqlite_prepare(db, "SELECT 1") == SQLITE_OK &&
+                    kiv_sqlite_step(db) == SQLITE_ROW);
+        std::atomic<int> ready{0};
+        const auto at_once = [&](bool lookup) {
+            for (++ready; ready.load() < 2;) std::this_thread::yield();
+            return lookup ? kiv_database_get_sqlite(name) : kiv_sqlite_handle();
+        };
+        auto other = std::async(std::launch::async, at_once, true);
+        EXPECT_EQ(at_once(!destroy), destroy ? kiv_sqlite_handle() : db);
+        kiv_sqlite_destroy(db, __FILE__, __LINE__);
+        other.get();
+        within_deadline("destroy job", [&] { return !kiv_sqlite_is_opened(db); });
+        EXPECT_EQ(db->stmt, nullptr);
+    }
+}
+
+// The ways a function holding a guard dies: it runs and is released, it is cleared (by the
+// caller, by a job), it is refused by a service that has finished (or not started, below).
+// None deadlocks, and the guard's destroy is done or refused like any other.
+TEST(HostSafety, GuardsDestroyWhereverTheirFunctionDies) {
+    kiv_database_init();
+    const std::pair<const char*, schedule> cases[] = {
+        {"job runs", run_job},
+        {"timeout cleared", [](auto g) {
+             kiv_database_clear_timeout(kiv_database_set_timeout([g = std::move(g)] {}, hour, __FILE__, __LINE__));
+         }},
+        {"interval cleared in a job", [](auto g) {
+             const unsigned long id =
+                 kiv_database_set_interval([g = std::move(g)] { return true; }, hour, __FILE__, __LINE__);
+             kiv_database_exec([id] { kiv_database_clear_interval(id); }, __FILE__, __LINE__);
+         }},
+    };
+    for (const auto& [what, how] : cases) {
+        const kiv_sqlite_handle db = guarded(how);
+        within_deadline(what, [&] { return !kiv_sqlite_is_opened(db); });
+    }
+    kiv_thread_service_join_all(0);
+    // Refused by the finished service: the object stays marked, open and tracked.
+    EXPECT_TRUE(kiv_sqlite_is_opened(guarded(run_job)));
+}
+
+TEST(HostSafety, GuardRefusedBeforeInit) { EXPECT_TRUE(kiv_sqlite_is_opened(guarded(run_job))); }
