@@ -239,8 +239,8 @@ void _kiv_thread_service::release_later(parcel dropped) {
 void _kiv_thread_service::arm(timer_entry timer, clock_type::time_point deadline) {
     const timer_key key(deadline, next_seq++);
     armed[timer.id] = key;
-    // Only a new earliest deadline shortens the worker's sleep.
-    if (schedule.emplace(key, std::move(timer)).first == schedule.begin()) wake_locked();
+    const auto at = schedule.emplace(key, std::move(timer)).first;
+    if (at == schedule.begin()) wake_locked();  // a new earliest deadline shortens the sleep
 }
 
 // Runs the earliest timer if its key is not after `limit`; `lk` is held on entry and on return.
