@@ -210,9 +210,10 @@ TEST(ThreadService, RunOnceRunsWhatIsDueNowOnTheCallingThreadButNeverBesideTheWo
     ASSERT_TRUE(wait_for(entered));
     EXPECT_EQ(kiv_thread_service_run_once(s), 0);  // only once the worker's job is over
     EXPECT_FALSE(busy);
-    strings events;  // the worker's
+    strings events;  // the worker's until the latch
     int ran = -1;
-    kiv_thread_service_exec(s, [&] {
+    const latch done = make_latch();
+    kiv_thread_service_exec(s, [&, done] {
         kiv_thread_service_exec(s, [&] {
             events.push_back("job");
             kiv_thread_service_exec(s, [&] { events.push_back("added"); }, "t", 0);
@@ -221,7 +222,9 @@ TEST(ThreadService, RunOnceRunsWhatIsDueNowOnTheCallingThreadButNeverBesideTheWo
         kiv_thread_service_set_timeout(s, [&] { events.push_back("later"); }, 60000, "t", 0);
         ran = kiv_thread_service_run_once(s);
         events.push_back("returned");
+        kiv_thread_service_exec(s, [done] { done->set_value(); }, "t", 0);
     }, "t", 0);
+    ASSERT_TRUE(wait_for(done));
     stop_and_wait(s);
     EXPECT_EQ(ran, 2);
     EXPECT_EQ(events, (strings{"job", "due", "returned", "added"}));
