@@ -52,19 +52,19 @@ bool null_handle(const kiv_thread_service_handle& service, const char* function)
     return !service;
 }
 
-// Runs `work`; whatever escapes it becomes one error line naming `origin()`.
-template <typename Work, typename Origin>
-void guarded(Work&& work, Origin&& origin) {
+// Runs `work`; whatever escapes it becomes one error line naming what it was and where it came
+// from (`line` < 0: no line).
+template <typename Work>
+void guarded(Work&& work, const char* what, const std::string& where, int line = -1) {
     std::string reason = "unknown exception";
     try {
-        work();
-        return;
+        return work();
     } catch (const std::exception& e) {
         reason = e.what();
     } catch (...) {
     }
-    write_line(kiv_framework_detail::error_banner + ("exception in " + origin()) + ": " + reason +
-               "\n");
+    const std::string at = line < 0 ? where : where + ":" + std::to_string(line);
+    write_line(kiv_framework_detail::error_banner + ("exception in " + (what + at)) + ": " + reason + "\n");
 }
 
 // Delays far beyond any real use are cut so that deadlines cannot overflow the clock.
@@ -89,7 +89,7 @@ struct job_entry {
 // captured is gone before the next job runs.
 void run_jobs(std::vector<job_entry>& batch) {
     for (job_entry& entry : batch) {
-        guarded(entry.job, [&] { return "job scheduled at " + entry.file + ":" + std::to_string(entry.line); });
+        guarded(entry.job, "job scheduled at ", entry.file, entry.line);
         entry.job = nullptr;
     }
     batch.clear();
@@ -117,8 +117,21 @@ public:
     void loop(kiv_thread_service_handle self);
     void finish(const kiv_thread_service_handle& self);
     bool run_timer(std::unique_lock<std::mutex>& lk, const timer_key& limit);
-    void arm(timer_entry timer, clock_type::time_point deadline);
-    void release_later(parcel dropped);
+    // `lock` held.
+    void arm(timer_entry timer, clock_type::time_point deadline) {
+        const timer_key key(deadline, next_seq++);
+        armed[timer.id] = key;
+        const auto at = schedule.emplace(key, std::move(timer)).first;
+        if (at == schedule.begin()) wake_locked();  // a new earliest deadline shortens the sleep
+    }
+    // For the worker to destroy, outside any caller's call.
+    void release_later(parcel dropped) {
+        std::lock_guard<std::mutex> guard(lock);
+        if (current == state::finished) return;  // no worker left: it dies here, after the unlock
+        released.push_back(std::move(dropped));
+        wake_locked();
+    }
+    void refuse(const char* text, parcel work) { warn(text, name), release_later(std::move(work)); }
     // `lock` held: a sleeping worker needs one notify, a busy one none.
     void wake_locked() {
         if (sleeping) wake.notify_all();  // callers of wait share the condition variable
@@ -146,7 +159,7 @@ public:
     std::vector<parcel> released;  // for the worker to destroy
     std::vector<kiv_thread_service_stop_callback> stop_callbacks;
     kiv_thread_service_finish_handler finish_handler;
-    std::shared_ptr<const kiv_thread_service_join_handler> join_handler;
+    kiv_thread_service_join_handler join_handler;
     int join_code = 0;
     bool joined = false;
 };
@@ -155,13 +168,10 @@ namespace {
 
 thread_local const _kiv_thread_service* current_worker = nullptr;
 
-// Every service ever created (weakly), and how many worker threads still run. Never destroyed,
-// so that workers and late callers always find it.
+// Every service created (weakly). Never destroyed, so that late callers always find it.
 struct service_table {
     std::mutex lock;
     std::vector<boost::weak_ptr<_kiv_thread_service>> services;
-    std::condition_variable workers_done;
-    int workers_running = 0;
 };
 
 void teardown_at_exit();
@@ -176,7 +186,6 @@ service_table& table() {
         // its exit does not wait for them. The lock is held across the fork.
         pthread_atfork([] { table().lock.lock(); }, [] { table().lock.unlock(); }, [] {
             table().services.clear();
-            table().workers_running = 0;
             table().lock.unlock();
         });
         return created;
@@ -193,24 +202,15 @@ std::vector<kiv_thread_service_handle> live_services() {
     return live;
 }
 
-void worker_exited() {
-    std::lock_guard<std::mutex> guard(table().lock);
-    --table().workers_running;
-    table().workers_done.notify_all();
-}
-
-// A host may exit without joining: stop whatever still runs and let no worker thread run on
-// while the process tears down.
+// A host may exit without joining: stop whatever still runs and wait until it has finished, so
+// that no job or handler runs while the process tears down. (A finished worker only lets go of
+// its own service; it runs nothing of anyone else's any more.)
 void teardown_at_exit() {
-    std::vector<kiv_thread_service_handle> live = live_services();
+    const std::vector<kiv_thread_service_handle> live = live_services();
     for (const auto& s : live) {
         if (current_worker != s.get()) kiv_thread_service_stop(s, nullptr);
     }
     for (const auto& s : live) kiv_thread_service_wait(s);  // false at once on its own worker
-    live.clear();
-    // Workers that dropped their service's last handle themselves may still be on their way out.
-    std::unique_lock<std::mutex> lk(table().lock);
-    table().workers_done.wait(lk, [] { return table().workers_running <= (current_worker ? 1 : 0); });
 }
 
 }  // namespace
@@ -228,21 +228,6 @@ _kiv_thread_service::~_kiv_thread_service() {
     }
 }
 
-void _kiv_thread_service::release_later(parcel dropped) {
-    std::lock_guard<std::mutex> guard(lock);
-    if (current == state::finished) return;  // no worker left: it dies here, after the unlock
-    released.push_back(std::move(dropped));
-    wake_locked();
-}
-
-// `lock` held.
-void _kiv_thread_service::arm(timer_entry timer, clock_type::time_point deadline) {
-    const timer_key key(deadline, next_seq++);
-    armed[timer.id] = key;
-    const auto at = schedule.emplace(key, std::move(timer)).first;
-    if (at == schedule.begin()) wake_locked();  // a new earliest deadline shortens the sleep
-}
-
 // Runs the earliest timer if its key is not after `limit`; `lk` is held on entry and on return.
 bool _kiv_thread_service::run_timer(std::unique_lock<std::mutex>& lk, const timer_key& limit) {
     if (current != state::running || schedule.empty() || limit < schedule.begin()->first) return false;
@@ -252,8 +237,7 @@ bool _kiv_thread_service::run_timer(std::unique_lock<std::mutex>& lk, const time
     if (timer.repeat) running_intervals.insert(timer.id);
     lk.unlock();
     bool again = true;
-    guarded([&] { again = timer.callback(); },
-            [&] { return "timer scheduled at " + timer.file + ":" + std::to_string(timer.line); });
+    guarded([&] { again = timer.callback(); }, "timer scheduled at ", timer.file, timer.line);
     lk.lock();
     // Cleared meanwhile, the interval is no longer among the running ones.
     if (running_intervals.erase(timer.id) != 0 && again && current == state::running) {
@@ -295,7 +279,6 @@ void _kiv_thread_service::loop(kiv_thread_service_handle self) {
     }
     finish(self);
     self.reset();  // may be the last handle: the destructor then detaches this thread
-    worker_exited();
 }
 
 void _kiv_thread_service::finish(const kiv_thread_service_handle& self) {
@@ -304,16 +287,16 @@ void _kiv_thread_service::finish(const kiv_thread_service_handle& self) {
     current = state::stopped;  // from here on handlers are refused and stop calls back at once
     armed.clear();
     released.push_back(wrap(std::exchange(schedule, {})));  // pending timers are cancelled
-    released.push_back(std::move(join_handler));
+    released.push_back(wrap(std::exchange(join_handler, nullptr)));
     {
         const auto callbacks = std::exchange(stop_callbacks, {});
         const auto handler = std::exchange(finish_handler, nullptr);
         const int code = join_code;
         lk.unlock();
         for (const auto& callback : callbacks) {
-            guarded([&] { callback(self); }, [&] { return "stop callback of " + name; });
+            guarded([&] { callback(self); }, "stop callback of ", name);
         }
-        if (handler) guarded([&] { handler(self, code); }, [&] { return "finish handler of " + name; });
+        if (handler) guarded([&] { handler(self, code); }, "finish handler of ", name);
     }
     // Nothing of the callers' may outlive the finish: a host may unload the code behind these
     // functions as soon as wait returns.
@@ -339,12 +322,10 @@ kiv_thread_service_handle kiv_thread_service_new(std::string name) {
                                       [](const auto& weak) { return weak.expired(); }),
                        services.end());
         services.push_back(service);
-        ++table().workers_running;
     }
     try {
         service->thread = std::thread([s = service]() mutable { s->loop(std::move(s)); });
     } catch (const std::system_error& e) {
-        worker_exited();
         write_line(kiv_framework_detail::error_banner +
                    ("cannot start thread service " + kiv_framework_detail::coloured(service->name)) +
                    ": " + e.what() + "\n");
@@ -353,44 +334,41 @@ kiv_thread_service_handle kiv_thread_service_new(std::string name) {
     return service;
 }
 
-void kiv_thread_service_on_finished(kiv_thread_service_handle service,
-                                    kiv_thread_service_finish_handler handler) {
-    if (null_handle(service, __func__)) return;
+namespace {
+
+// Installs a handler; a stopped service calls none any more, so the new one is dropped then. The
+// one replaced or dropped dies on the worker.
+template <typename Handler>
+void install(const kiv_thread_service_handle& service, Handler _kiv_thread_service::*slot, Handler handler) {
     {
         std::lock_guard<std::mutex> guard(service->lock);
-        // A stopped service calls no finish handler any more: the new one is dropped.
-        if (service->current < state::stopped) service->finish_handler.swap(handler);
+        if (service->current < state::stopped) ((*service).*slot).swap(handler);
     }
     if (handler) service->release_later(wrap(std::move(handler)));
 }
 
-void kiv_thread_service_set_join_handler(kiv_thread_service_handle service,
-                                         kiv_thread_service_join_handler handler) {
-    if (null_handle(service, __func__)) return;
-    std::shared_ptr<const kiv_thread_service_join_handler> next;
-    if (handler) next = std::make_shared<const kiv_thread_service_join_handler>(std::move(handler));
-    {
-        std::lock_guard<std::mutex> guard(service->lock);
-        if (service->current < state::stopped) service->join_handler.swap(next);
-    }
-    if (next) service->release_later(std::move(next));
+}  // namespace
+
+void kiv_thread_service_on_finished(kiv_thread_service_handle service, kiv_thread_service_finish_handler handler) {
+    if (!null_handle(service, __func__)) install(service, &_kiv_thread_service::finish_handler, std::move(handler));
 }
 
-void kiv_thread_service_stop(kiv_thread_service_handle service,
-                             kiv_thread_service_stop_callback callback) {
+void kiv_thread_service_set_join_handler(kiv_thread_service_handle service, kiv_thread_service_join_handler handler) {
+    if (!null_handle(service, __func__)) install(service, &_kiv_thread_service::join_handler, std::move(handler));
+}
+
+void kiv_thread_service_stop(kiv_thread_service_handle service, kiv_thread_service_stop_callback callback) {
     if (null_handle(service, __func__)) return;
     std::unique_lock<std::mutex> lk(service->lock);
-    if (service->current == state::running) {
+    if (service->current < state::stopped) {
+        if (service->current == state::running) service->wake_locked();
         service->current = state::stopping;
-        service->wake_locked();
-    }
-    if (service->current == state::stopping) {
         if (callback) service->stop_callbacks.push_back(std::move(callback));
         return;
     }
     lk.unlock();
     // Already stopped: the callback runs here, as promised, and dies with this call.
-    if (callback) guarded([&] { callback(service); }, [&] { return "stop callback of " + service->name; });
+    if (callback) guarded([&] { callback(service); }, "stop callback of ", service->name);
 }
 
 void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<void()> job,
@@ -404,8 +382,7 @@ void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<vo
             return;
         }
     }
-    warn("job handed to a stopped thread service: ", service->name);
-    service->release_later(wrap(std::move(job)));
+    service->refuse("job handed to a stopped thread service: ", wrap(std::move(job)));
 }
 
 namespace {
@@ -422,10 +399,8 @@ unsigned long add_timer(const kiv_thread_service_handle& service, std::function<
             return id;
         }
     }
-    warn(repeat ? "interval handed to a stopped thread service: "
-                : "timeout handed to a stopped thread service: ",
-         service->name);
-    service->release_later(wrap(std::move(callback)));
+    service->refuse(repeat ? "interval handed to a stopped thread service: "
+                           : "timeout handed to a stopped thread service: ", wrap(std::move(callback)));
     return 0;
 }
 
@@ -487,7 +462,7 @@ int kiv_thread_service_run_once(kiv_thread_service_handle service) {
 
 void kiv_thread_service_join(kiv_thread_service_handle service, int code) {
     if (null_handle(service, __func__)) return;
-    std::shared_ptr<const kiv_thread_service_join_handler> handler;
+    kiv_thread_service_join_handler handler;  // a copy: it may be replaced meanwhile
     {
         std::lock_guard<std::mutex> guard(service->lock);
         if (service->current == state::finished) return;
@@ -497,10 +472,7 @@ void kiv_thread_service_join(kiv_thread_service_handle service, int code) {
         handler = service->join_handler;
     }
     bool deferred = false;
-    if (handler) {
-        guarded([&] { deferred = (*handler)(service, code); },
-                [&] { return "join handler of " + service->name; });
-    }
+    if (handler) guarded([&] { deferred = handler(service, code); }, "join handler of ", service->name);
     if (!deferred) kiv_thread_service_stop(service, nullptr);
 }
 
