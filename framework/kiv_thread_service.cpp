@@ -11,16 +11,14 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <cstdlib>
-#include <exception>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <system_error>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "framework/kiv_console.h"
@@ -29,7 +27,7 @@ namespace {
 
 using clock_type = std::chrono::steady_clock;
 // Deadline, then arming order: equal deadlines keep the order in which they were armed.
-using timer_key = std::pair<clock_type::time_point, std::uint64_t>;
+using timer_key = std::pair<clock_type::time_point, unsigned long long>;
 
 // One counter for the whole process: an id kept from one service never names another's timer.
 std::atomic<unsigned long> next_timer_id{1};
@@ -155,13 +153,12 @@ public:
     schedule_map schedule;
     std::map<unsigned long, timer_key> armed;
     std::set<unsigned long> running_intervals;  // intervals whose callback runs right now
-    std::uint64_t next_seq = 1;
+    unsigned long long next_seq = 1;
     std::vector<parcel> released;  // for the worker to destroy
     std::vector<kiv_thread_service_stop_callback> stop_callbacks;
     kiv_thread_service_finish_handler finish_handler;
     kiv_thread_service_join_handler join_handler;
-    int join_code = 0;
-    bool joined = false;
+    std::optional<int> join_code;  // from the first join
 };
 
 namespace {
@@ -270,7 +267,7 @@ void _kiv_thread_service::loop(kiv_thread_service_handle self) {
             continue;
         }
         if (current != state::running) break;  // every job queued before the stop has run
-        if (run_timer(lk, timer_key(clock_type::now(), UINT64_MAX))) continue;
+        if (run_timer(lk, timer_key(clock_type::now(), ~0ULL))) continue;
         running.unlock();
         sleeping = true;
         if (schedule.empty()) wake.wait(lk);
@@ -291,11 +288,9 @@ void _kiv_thread_service::finish(const kiv_thread_service_handle& self) {
     {
         const auto callbacks = std::exchange(stop_callbacks, {});
         const auto handler = std::exchange(finish_handler, nullptr);
-        const int code = join_code;
+        const int code = join_code.value_or(0);
         lk.unlock();
-        for (const auto& callback : callbacks) {
-            guarded([&] { callback(self); }, "stop callback of ", name);
-        }
+        for (const auto& callback : callbacks) guarded([&] { callback(self); }, "stop callback of ", name);
         if (handler) guarded([&] { handler(self, code); }, "finish handler of ", name);
     }
     // Nothing of the callers' may outlive the finish: a host may unload the code behind these
@@ -318,9 +313,8 @@ kiv_thread_service_handle kiv_thread_service_new(std::string name) {
     {
         std::lock_guard<std::mutex> guard(table().lock);
         auto& services = table().services;
-        services.erase(std::remove_if(services.begin(), services.end(),
-                                      [](const auto& weak) { return weak.expired(); }),
-                       services.end());
+        const auto expired = [](const auto& weak) { return weak.expired(); };
+        services.erase(std::remove_if(services.begin(), services.end(), expired), services.end());
         services.push_back(service);
     }
     try {
@@ -466,8 +460,7 @@ void kiv_thread_service_join(kiv_thread_service_handle service, int code) {
     {
         std::lock_guard<std::mutex> guard(service->lock);
         if (service->current == state::finished) return;
-        if (!service->joined) service->join_code = code;
-        service->joined = true;
+        if (!service->join_code) service->join_code = code;
         if (service->current != state::running) return;  // a stop is on its way already
         handler = service->join_handler;
     }
