@@ -79,7 +79,7 @@ parcel wrap(T value) {
 
 struct job_entry {
     std::function<void()> job;
-    std::string file;
+    const std::string* file;  // in the service's `files`
     int line;
 };
 
@@ -87,7 +87,7 @@ struct job_entry {
 // captured is gone before the next job runs.
 void run_jobs(std::vector<job_entry>& batch) {
     for (job_entry& entry : batch) {
-        guarded(entry.job, "job scheduled at ", entry.file, entry.line);
+        guarded(entry.job, "job scheduled at ", *entry.file, entry.line);
         entry.job = nullptr;
     }
     batch.clear();
@@ -150,6 +150,9 @@ public:
     state current = state::running;
     bool sleeping = false;  // the worker waits on `wake` and needs a notify
     std::vector<job_entry> jobs;
+    // Jobs' file names, each kept once for the service's life: callers pass the same few again
+    // and again, and a copy per job would be allocated by the caller and freed by the worker.
+    std::set<std::string> files;
     schedule_map schedule;
     std::map<unsigned long, timer_key> armed;
     std::set<unsigned long> running_intervals;  // intervals whose callback runs right now
@@ -365,18 +368,18 @@ void kiv_thread_service_stop(kiv_thread_service_handle service, kiv_thread_servi
     if (callback) guarded([&] { callback(service); }, "stop callback of ", service->name);
 }
 
-void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<void()> job,
-                             std::string file, int line) {
+void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<void()> job, std::string file,
+                             int line) {
     if (null_handle(service, __func__)) return;
-    {
-        std::lock_guard<std::mutex> guard(service->lock);
-        if (service->current == state::running) {
-            service->jobs.push_back(job_entry{std::move(job), std::move(file), line});
-            service->wake_locked();
-            return;
-        }
+    std::unique_lock<std::mutex> lk(service->lock);
+    if (service->current != state::running) {
+        lk.unlock();
+        return service->refuse("job handed to a stopped thread service: ", wrap(std::move(job)));
     }
-    service->refuse("job handed to a stopped thread service: ", wrap(std::move(job)));
+    service->jobs.push_back(job_entry{std::move(job), &*service->files.insert(file).first, line});
+    const bool wake = std::exchange(service->sleeping, false);
+    lk.unlock();
+    if (wake) service->wake.notify_all();  // after the unlock, so that the worker does not wake into it
 }
 
 namespace {
