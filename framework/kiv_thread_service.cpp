@@ -202,15 +202,16 @@ std::vector<kiv_thread_service_handle> live_services() {
     return live;
 }
 
-// A host may exit without joining: stop whatever still runs and wait until it has finished, so
-// that no job or handler runs while the process tears down. (A finished worker only lets go of
-// its own service; it runs nothing of anyone else's any more.)
+// A host may exit without joining: stop whatever still runs, wait until it has finished and
+// join its worker, so that no job, handler or thread runs on while the process tears down.
 void teardown_at_exit() {
     const std::vector<kiv_thread_service_handle> live = live_services();
     for (const auto& s : live) {
         if (current_worker != s.get()) kiv_thread_service_stop(s, nullptr);
     }
-    for (const auto& s : live) kiv_thread_service_wait(s);  // false at once on its own worker
+    for (const auto& s : live) {  // not exit() called from one of its own jobs
+        if (current_worker != s.get() && kiv_thread_service_wait(s) && s->thread.joinable()) s->thread.join();
+    }
 }
 
 }  // namespace

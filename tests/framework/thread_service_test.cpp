@@ -161,8 +161,11 @@ TEST(ThreadService, StopDrainsJobsAndEverythingHandedOverDiesOnTheWorkerBeforeWa
     EXPECT_EQ(inside, 0);
     kiv_thread_service_join(s, 9);
     kiv_thread_service_stop(s, [&](handle) { events.push_back("at once"); });
+    kiv_thread_service_exec(s, [p = g()] {}, "t", 0);  // no worker left: it dies at once
+    EXPECT_EQ(dead, 13);
     EXPECT_EQ(events, (strings{"join7", "job", "stop1", "stop2", "finish7", "at once"}));
-    EXPECT_EQ(out.take(), refused("job", "stopper") + refused("timeout", "stopper") + refused("interval", "stopper"));
+    EXPECT_EQ(out.take(), refused("job", "stopper") + refused("timeout", "stopper") + refused("interval", "stopper") +
+                              refused("job", "stopper"));
     EXPECT_FALSE(kiv_thread_service_find("stopper"));
 }
 
