@@ -55,15 +55,18 @@ std::string refused(const char* what, const std::string& name) {
 thread_local bool in_call = false;  // set by a job around a service call that it makes
 
 // Counts its death, and whether that came inside a service call made by whoever handed it over:
-// this test's thread (which never drops one itself) or a job flagged `in_call`.
+// this test's thread (which never drops one itself) or a job flagged `in_call`. Like a host's
+// guard, it is slow to go and calls back into the service.
 struct guard {
-    guard(std::atomic<int>& d, std::atomic<int>& i) : dead(d), inside(i) {}
+    guard(std::atomic<int>& d, std::atomic<int>& i, handle s) : dead(d), inside(i), service(std::move(s)) {}
     ~guard() {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // slow, as real releases may be
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        kiv_thread_service_clear_timeout(service, 0);
         inside += in_call || std::this_thread::get_id() == caller;
         ++dead;
     }
     std::atomic<int>&dead, &inside;
+    const handle service;
     const std::thread::id caller = std::this_thread::get_id();
 };
 
@@ -127,8 +130,8 @@ TEST(ThreadService, TimersRunByDeadlineThenArmingOrderAndIdsNameOneTimerInThePro
 TEST(ThreadService, StopDrainsJobsAndEverythingHandedOverDiesOnTheWorkerBeforeWaitReturns) {
     kiv_test::cout_capture out;
     std::atomic<int> dead{0}, inside{0};
-    auto g = [&] { return std::make_shared<guard>(dead, inside); };
     auto s = kiv_thread_service_new("stopper");
+    auto g = [&] { return std::make_shared<guard>(dead, inside, s); };
     EXPECT_EQ(kiv_thread_service_find("stopper"), s);
     strings events;  // this thread's until the release, then the worker's
     kiv_thread_service_on_finished(s, [p = g()](handle, int) {});  // replaced below
