@@ -330,6 +330,11 @@ def main():
     if rows:
         print()
         print("\n".join(service_lines(rows, markdown=False)))
+        bench_of = {f[0]: f[1] for f in SERVICE_FIGURES}
+        for label, _, _, r in rows:
+            bench = bench_of[label]
+            if r and bench in SERVICE_TARGETS and r[1] < SERVICE_TARGETS[bench]:
+                print(f"{label}: kiv/asio {r[1]:.2f}, below the target {SERVICE_TARGETS[bench]}")
     if args.plot_dir:
         write_plot_data(table, rows, args.plot_dir)
     if args.readme:
