@@ -95,7 +95,8 @@ TEST(ThreadService, JobsRunInOrderOnTheWorkerAndDropWhatTheyCapturedAtOnce) {
 TEST(ThreadService, TimersRunByDeadlineThenArmingOrderAndIdsNameOneTimerInTheProcess) {
     auto old = kiv_thread_service_new("old");
     const unsigned long stale = kiv_thread_service_set_interval(old, [] { return true; }, 1000, "t", 0);
-    stop_and_wait(old);
+    kiv_thread_service_join(old, 0);  // without a join handler: stops at once
+    ASSERT_TRUE(kiv_thread_service_wait(old, 30000));
     auto s = kiv_thread_service_new("timers");
     strings order;  // the worker's until the wait
     auto release = stall(s);
@@ -119,7 +120,8 @@ TEST(ThreadService, TimersRunByDeadlineThenArmingOrderAndIdsNameOneTimerInThePro
     kiv_thread_service_set_timeout(s, [done] { done->set_value(); }, 250, "t", 0);
     release->set_value();
     ASSERT_TRUE(wait_for(done));
-    stop_and_wait(s);
+    kiv_thread_service_join_all(0);
+    EXPECT_FALSE(kiv_thread_service_find("timers"));
     EXPECT_TRUE(cleared);
     EXPECT_EQ(order, (strings{"a", "b", "tick", "once", "tick", "late"}));
 }
