@@ -206,9 +206,7 @@ std::vector<kiv_thread_service_handle> live_services() {
 // join its worker, so that no job, handler or thread runs on while the process tears down.
 void teardown_at_exit() {
     const std::vector<kiv_thread_service_handle> live = live_services();
-    for (const auto& s : live) {
-        if (current_worker != s.get()) kiv_thread_service_stop(s, nullptr);
-    }
+    for (const auto& s : live) if (current_worker != s.get()) kiv_thread_service_stop(s, nullptr);
     for (const auto& s : live) {  // not exit() called from one of its own jobs
         if (current_worker != s.get() && kiv_thread_service_wait(s) && s->thread.joinable()) s->thread.join();
     }
