@@ -18,7 +18,9 @@ import sys
 ROWS = 100000
 CONTENDERS = ["raw", "floor", "kiv"]
 WORKLOADS = ["insert", "scan", "point_select", "rows_each"]
-PASS = re.compile(r"\(anonymous namespace\)::(raw|floor|kiv)_contender::"
+# raw_contender::insert, wrapped_contender<floor_api>::scan, wrapped_contender<kiv_api>::...
+PASS = re.compile(r"\(anonymous namespace\)::(?:(raw)_contender|wrapped_contender<"
+                  r"\(anonymous namespace\)::(floor|kiv)_api>)::"
                   r"(insert|scan|point_select|rows_each)\((?:char const\*)?\)"
                   r"(?: \[clone [^]]*\])* \[")
 # The measured passes are called through the lanes that make_lane builds.
@@ -43,7 +45,7 @@ def passes(annotated):
         own = [l for l in block if re.search(r"\*\s+\S", l) and PASS.search(l)]
         if own:
             m = PASS.search(own[0])
-            key = (m.group(1), m.group(2))
+            key = (m.group(1) or m.group(2), m.group(3))
             for l in block:
                 if re.search(r"<\s+\S", l) and MEASURED.search(l):
                     cost, calls = found.get(key, (0, 0))

@@ -16,9 +16,4 @@ inline std::string coloured(std::string name) {
     return name;
 }
 
-// Banner, text, coloured name, newline, flush.
-inline void warn_named(const char* text, const std::string& name) {
-    std::cout << warning_banner << text << coloured(name) << std::endl;
-}
-
 }  // namespace kiv_framework_detail

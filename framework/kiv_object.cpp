@@ -1,9 +1,8 @@
 #include "framework/kiv_object.h"
 
-#include <cstdint>
 #include <iostream>
 #include <unordered_map>
-#include <vector>
+#include <utility>
 
 namespace {
 
@@ -27,12 +26,9 @@ reference_table& references() {
 }
 
 void release_all() {
-    std::unordered_map<const _kiv_object*, boost::shared_ptr<_kiv_object>> dropped;
-    {
-        std::lock_guard<std::mutex> guard(references().lock);
-        dropped.swap(references().held);
-    }
-    // Destructors run here, outside the lock.
+    std::unique_lock<std::mutex> lk(references().lock);
+    const auto dropped = std::exchange(references().held, {});
+    lk.unlock();  // the objects' destructors run after it
 }
 
 }  // namespace
@@ -69,13 +65,9 @@ void kiv_object_ref(boost::shared_ptr<_kiv_object> object) {
 
 void kiv_object_unref_real(boost::shared_ptr<_kiv_object> object) {
     if (!object) return;
-    boost::shared_ptr<_kiv_object> dropped;  // released after the lock, it may be the last owner
-    reference_table& t = references();
-    std::lock_guard<std::mutex> guard(t.lock);
-    auto it = t.held.find(object.get());
-    if (it == t.held.end()) return;
-    dropped.swap(it->second);
-    t.held.erase(it);
+    decltype(reference_table::held)::node_type dropped;  // released after the lock
+    std::lock_guard<std::mutex> guard(references().lock);
+    dropped = references().held.extract(object.get());
 }
 
 bool kiv_property_get(std::map<std::string, boost::any>& properties, std::string key,
