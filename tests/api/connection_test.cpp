@@ -1,5 +1,5 @@
-// Connection objects: opening and closing with their checks, the registry of open connections by
-// name, conversions, and the destroy protocol with its console lines.
+// Connection objects: opening and closing with their checks and memory, the registry of open
+// connections by name, conversions, and the destroy protocol with its console lines.
 
 #include <gtest/gtest.h>
 
@@ -13,81 +13,66 @@
 
 namespace {
 
-const std::string left0 = "left objects in database reference count: 0\n";
+const std::string left = "left objects in database reference count: ";
 
 // The object's memory goes with its last handle, which the worker may hold a moment longer.
-void release_and_wait(kiv_sqlite_handle& c) {
+bool released(kiv_sqlite_handle& c) {
     const boost::weak_ptr<_kiv_sqlite> gone = c;
     c.reset();
     for (int i = 0; i < 10000 && !gone.expired(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    ASSERT_TRUE(gone.expired());
+    return gone.expired();
 }
 
 TEST(Connection, OpenCloseRegistryAndMemory) {
     kiv_database_init();
     kiv_test::temp_dir dir;
-    kiv_test::cout_capture out;
     kiv_test::assertion_recorder assertions;
-    kiv_sqlite_handle c = kiv_sqlite_new(dir.file("a.db"), "a");
-    ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);  // SQLite's one-time set-up, out of the measure
-    kiv_sqlite_close(c);
-    ASSERT_EQ(std::remove(dir.file("a.db").c_str()), 0);
+    kiv_sqlite_handle c = kiv_sqlite_new(dir.file("a.db"), "a"), twin = kiv_sqlite_new(dir.file("b.db"), "a");
+    ASSERT_EQ(kiv_sqlite_open(twin), SQLITE_OK);  // SQLite's one-time set-up, out of the measure
+    kiv_sqlite_close(twin);
     const sqlite3_int64 baseline = sqlite3_memory_used();
     assertions.take();
-
     EXPECT_EQ(kiv_sqlite_try_open(c), SQLITE_CANTOPEN);  // needs the file
     EXPECT_EQ(sqlite3_memory_used(), baseline) << "a failed open gives its connection back";
-    EXPECT_FALSE(kiv_sqlite_is_opened(c));
-    EXPECT_EQ(kiv_sqlite_last_error_code(c), SQLITE_MISUSE) << "no connection is left behind";
-    EXPECT_FALSE(kiv_database_get_sqlite("a"));
+    EXPECT_EQ(kiv_sqlite_last_error_code(c), SQLITE_MISUSE) << "and keeps none";
+    EXPECT_FALSE(kiv_sqlite_is_opened(c) || kiv_database_get_sqlite("a"));
     EXPECT_EQ(kiv_sqlite_open(c), SQLITE_OK);  // creates it
     EXPECT_EQ(kiv_database_get_sqlite("a"), c);
     sqlite3* const first = c->db;
     EXPECT_EQ(kiv_sqlite_open(c), SQLITE_OK) << "opening again replaces the connection";
     sqlite3_close(first);
-    EXPECT_TRUE(kiv_sqlite_close(c));
+    EXPECT_TRUE(kiv_sqlite_close(c) && kiv_sqlite_close(c));  // the second is reported, harmless
     EXPECT_FALSE(kiv_database_get_sqlite("a"));
-    EXPECT_TRUE(kiv_sqlite_close(c));  // reported, harmless
     EXPECT_EQ(kiv_sqlite_try_open(c), SQLITE_OK);
-    EXPECT_TRUE(kiv_sqlite_is_opened(c));
-    const std::vector<std::tuple<bool, std::string, std::string>> expected = {
-        {true, "db==nullptr", "Trying to open already opened database object"},  // try_open
-        {false, "db!=nullptr", "database must be opened"},                       // last_error_code
-        {true, "db==nullptr", "Trying to open already opened database object"},  // open
-        {false, "db==nullptr", "Trying to open already opened database object"},  // open while open
-        {true, "db!=nullptr", "database must be opened"},                        // close
-        {false, "db!=nullptr", "database must be opened"},                       // close while closed
-        {true, "db==nullptr", "Trying to open already opened database object"}};
-    const std::vector<kiv_test::assertion_call> calls = assertions.take();
-    ASSERT_EQ(calls.size(), expected.size());
-    for (std::size_t i = 0; i < calls.size(); ++i) {
-        EXPECT_EQ(std::tie(calls[i].cond, calls[i].cond_text, calls[i].message), expected[i]) << i;
-        EXPECT_NE(kiv_test::library_source_line(calls[i].line).find("__LINE__"), std::string::npos) << i;
+    const std::string open = "db==nullptr Trying to open already opened database object", db = "db!=nullptr database must be opened";
+    const std::vector<std::string> expected = {"1" + open, "0" + db, "1" + open, "0" + open, "1" + db, "0" + db, "1" + open};
+    std::vector<std::string> made;
+    for (const kiv_test::assertion_call& a : assertions.take()) {
+        made.push_back(std::to_string(a.cond) + a.cond_text + " " + a.message);
+        EXPECT_NE(kiv_test::library_source_line(a.line).find("__LINE__"), std::string::npos) << a.line;
     }
-    EXPECT_NE(calls[0].line, calls[2].line) << "each operation reports its own line";
+    EXPECT_EQ(made, expected);
 
     // Namesakes: the first stays registered; closing either removes the entry under the name.
-    const kiv_sqlite_handle twin = kiv_sqlite_new(dir.file("b.db"), "a");
     ASSERT_EQ(kiv_sqlite_open(twin), SQLITE_OK);
     EXPECT_EQ(kiv_database_get_sqlite("a"), c);
     kiv_sqlite_close(twin);
     EXPECT_FALSE(kiv_database_get_sqlite("a"));
     ASSERT_EQ(kiv_sqlite_open(twin), SQLITE_OK);
-    EXPECT_EQ(kiv_database_get_sqlite("a"), twin);
-
-    // The lookup finalizes the statement; an entry whose object reports closed is dropped.
     ASSERT_EQ(kiv_sqlite_prepare(twin, "SELECT 1"), SQLITE_OK);
     EXPECT_EQ(kiv_database_get_sqlite("a"), twin);
-    EXPECT_EQ(twin->stmt, nullptr);
-    const auto mark_opened = [&](bool value) {
-        std::lock_guard<std::mutex> guard(twin->mutex);
-        twin->opened = value;
-    };
-    mark_opened(false);
+    EXPECT_EQ(twin->stmt, nullptr) << "the lookup finalizes the statement";
     const long owners = twin.use_count();
+    {  // an entry whose object reports closed is dropped
+        std::lock_guard<std::mutex> guard(twin->mutex);
+        twin->opened = false;
+    }
     EXPECT_FALSE(kiv_database_get_sqlite("a"));
     EXPECT_EQ(twin.use_count(), owners - 1) << "the registry's reference is released";
-    mark_opened(true);
+    {
+        std::lock_guard<std::mutex> guard(twin->mutex);
+        twin->opened = true;
+    }
 
     // Conversions hand out the same object under shared ownership; other classes are no connection.
     EXPECT_EQ(kiv_sqlite_from_object(kiv_sqlite_to_object(c)), c);
@@ -97,21 +82,17 @@ TEST(Connection, OpenCloseRegistryAndMemory) {
     // A statement held across close keeps its connection inside SQLite until it is finalized.
     kiv_sqlite_close(c);
     kiv_sqlite_close(twin);
-    const sqlite3_int64 closed = sqlite3_memory_used();
-    ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
-    ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT 1"), SQLITE_OK);
-    kiv_sqlite_close(c);
-    EXPECT_EQ(kiv_sqlite_step(c), SQLITE_ROW) << "it runs on the connection kept for it";
-    EXPECT_TRUE(kiv_sqlite_finalize(c));
-    EXPECT_EQ(sqlite3_memory_used(), closed);
-    ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
-    ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT 1"), SQLITE_OK);
-    kiv_sqlite_close(c);
-    kiv_sqlite_destroy(c, __FILE__, __LINE__);  // released by the object itself
+    for (const bool by_destroy : {false, true}) {
+        ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
+        ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT 1"), SQLITE_OK);
+        kiv_sqlite_close(c);
+        EXPECT_EQ(kiv_sqlite_step(c), SQLITE_ROW) << "it runs on the connection kept for it";
+        EXPECT_TRUE(by_destroy || kiv_sqlite_finalize(c));  // else released by the destroy
+    }
+    kiv_sqlite_destroy(c, __FILE__, __LINE__);
     kiv_sqlite_destroy(twin, __FILE__, __LINE__);
-    ASSERT_TRUE(kiv_test::drain_database_worker());
-    release_and_wait(c);
-    EXPECT_EQ(sqlite3_memory_used(), closed);
+    ASSERT_TRUE(kiv_test::drain_database_worker() && released(c) && released(twin));
+    EXPECT_EQ(sqlite3_memory_used(), baseline);
     EXPECT_TRUE(kiv_test::join_database_service());
 }
 
@@ -119,33 +100,23 @@ TEST(Destroy, ReleasedOnTheWorkerWarnedTwiceAndBadMarksRefused) {
     kiv_database_init();
     kiv_test::cout_capture out;
     kiv_sqlite_handle c = kiv_sqlite_new(":memory:", "d");
-    ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
-    const kiv_sqlite_handle never = kiv_sqlite_new(":memory:", "never");
-    const kiv_sqlite_handle raced = kiv_sqlite_new(":memory:", "raced");  // closed before its job runs
-    ASSERT_EQ(kiv_sqlite_open(raced), SQLITE_OK);
-
-    // Held back behind a job of ours: the lookup hands nothing out after destroy, and the
+    const kiv_sqlite_handle never = kiv_sqlite_new(":memory:", "never"), raced = kiv_sqlite_new(":memory:", "raced");
+    ASSERT_EQ(kiv_sqlite_open(c) + kiv_sqlite_open(raced) + kiv_sqlite_prepare(c, "SELECT 1"), SQLITE_OK);
+    // Held back behind a job of ours: after destroy the lookup hands nothing out and the
     // statement is left to the job (two threads finalizing it would free it twice).
     std::promise<void> holding, go;
-    kiv_database_exec([&holding, released = go.get_future().share()] {
-                          holding.set_value();
-                          released.wait();
-                      },
-                      __FILE__, __LINE__);
+    kiv_database_exec([&holding, go = go.get_future().share()] { holding.set_value(), go.wait(); }, __FILE__, __LINE__);
     holding.get_future().wait();
-    ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT 1"), SQLITE_OK);
     EXPECT_TRUE(kiv_sqlite_destroy(c, "caller.cpp", 10));
     EXPECT_FALSE(kiv_database_get_sqlite("d"));
     EXPECT_NE(c->stmt, nullptr);
     kiv_sqlite_destroy(never, __FILE__, __LINE__);
     kiv_sqlite_destroy(raced, __FILE__, __LINE__);
-    kiv_sqlite_close(raced);
+    kiv_sqlite_close(raced);  // before its job: the job skips the close
     go.set_value();
     ASSERT_TRUE(kiv_test::drain_database_worker());
-    EXPECT_EQ(out.take(), "left objects in database reference count: 2\n"
-                          "left objects in database reference count: 1\n" + left0);
-    EXPECT_EQ(c->stmt, nullptr);
-    EXPECT_FALSE(kiv_sqlite_is_opened(c));
+    EXPECT_EQ(out.take(), left + "2\n" + left + "1\n" + left + "0\n");
+    EXPECT_TRUE(c->stmt == nullptr && !kiv_sqlite_is_opened(c));
     EXPECT_FALSE(c->is_reffed() || never->is_reffed() || raced->is_reffed());
 
     // A second destroy warns with the second caller's place, describes the object, posts nothing.
@@ -155,7 +126,7 @@ TEST(Destroy, ReleasedOnTheWorkerWarnedTwiceAndBadMarksRefused) {
                                 kiv_test::coloured("[kiv_sqlite]") + "-again.cpp:42\n";
     const std::string lines = out.take();
     EXPECT_EQ(lines.substr(0, warning.size()), warning);
-    EXPECT_NE(lines.find("[kiv_sqlite]", warning.size()), std::string::npos) << "describe()";
+    EXPECT_EQ(kiv_test::count_of(lines, "[kiv_sqlite]"), 2u) << lines;  // describe()
     EXPECT_EQ(kiv_test::count_of(lines, "\n"), 2u) << lines;
 
     // A mark that is not a bool: one error line naming the output statement, no job.
@@ -163,16 +134,14 @@ TEST(Destroy, ReleasedOnTheWorkerWarnedTwiceAndBadMarksRefused) {
     marked->properties["object-destroyed"] = std::string("yes");
     EXPECT_TRUE(kiv_sqlite_destroy(marked, __FILE__, __LINE__));
     ASSERT_TRUE(kiv_test::drain_database_worker());
-    const int line = kiv_test::library_source_line_of("\"bad cast destroy any: \"");
     EXPECT_EQ(out.take(), kiv_test::error_banner + "bad cast destroy any: kiv_database/kiv_sqlite:" +
-                              std::to_string(line) + " - boost::bad_any_cast: failed conversion using boost::any_cast\n");
+                              std::to_string(kiv_test::library_source_line_of("\"bad cast destroy any: \"")) +
+                              " - boost::bad_any_cast: failed conversion using boost::any_cast\n");
     marked->properties["object-destroyed"] = false;
     kiv_sqlite_destroy(marked, __FILE__, __LINE__);
-    ASSERT_TRUE(kiv_test::drain_database_worker());
-    EXPECT_TRUE(kiv_test::join_database_service());
-    EXPECT_EQ(out.take(), left0 + "DATABASE SERVICE SHOT DONW REQUEST\nDATABASE THREAD SERVICE STOPPED\n"
-                                  "DATABASE SERVICE DONE\n");
-    release_and_wait(c);
+    ASSERT_TRUE(kiv_test::drain_database_worker() && kiv_test::join_database_service());
+    EXPECT_EQ(out.take(), left + "0\nDATABASE SERVICE SHOT DONW REQUEST\nDATABASE THREAD SERVICE STOPPED\nDATABASE SERVICE DONE\n");
+    EXPECT_TRUE(released(c));
 }
 
 // Two threads destroy one object at the same moment: one job, one warning line.
@@ -181,30 +150,22 @@ TEST(Destroy, RacedFromTwoThreadsPostsOneJob) {
     kiv_test::cout_capture out;
     for (int round = 0; round < 50; ++round) {
         const kiv_sqlite_handle c = kiv_sqlite_new(":memory:", "raced");
-        ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
         std::promise<void> holding, go;
-        std::promise<int> queued;  // what waited behind our job
-        kiv_database_exec([&holding, &queued, released = go.get_future().share()] {
-                              holding.set_value();
-                              released.wait();
-                              queued.set_value(kiv_database_run_once());
-                          },
+        std::promise<int> queued;  // the jobs that waited behind ours
+        kiv_database_exec([&, go = go.get_future().share()] { holding.set_value(), go.wait(), queued.set_value(kiv_database_run_once()); },
                           __FILE__, __LINE__);
         holding.get_future().wait();
         std::atomic<int> ready{0};
-        auto destroyer = [&] {
+        const auto destroy = [&] {
             for (++ready; ready.load() < 2;) {
             }
             EXPECT_TRUE(kiv_sqlite_destroy(c, "race.cpp", round));
         };
-        std::thread first(destroyer), second(destroyer);
-        first.join();
-        second.join();
-        go.set_value();
+        std::thread first(destroy), second(destroy);
+        first.join(), second.join(), go.set_value();
         EXPECT_EQ(queued.get_future().get(), 1) << "round " << round;
         const std::string lines = out.take();
-        EXPECT_EQ(kiv_test::count_of(lines, "CALLING DESTROY MULTIPLE TIMES"), 1u) << lines;
-        EXPECT_EQ(kiv_test::count_of(lines, left0), 1u) << lines;
+        EXPECT_EQ(kiv_test::count_of(lines, "CALLING DESTROY MULTIPLE TIMES") + kiv_test::count_of(lines, left + "0\n"), 2u) << lines;
     }
     EXPECT_TRUE(kiv_test::join_database_service());
 }

@@ -12,7 +12,6 @@
 #include <functional>
 #include <future>
 #include <iterator>
-#include <memory>
 #include <string>
 
 #include "framework/kiv_thread_service.h"
@@ -24,30 +23,24 @@ namespace kiv_test {
 // Runs everything queued on the database worker so far; false when it did not get there in time.
 inline bool drain_database_worker(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
     auto done = std::make_shared<std::promise<void>>();
-    std::future<void> ran = done->get_future();
     kiv_database_exec([done] { done->set_value(); }, __FILE__, __LINE__);
-    return ran.wait_for(timeout) == std::future_status::ready;
+    return done->get_future().wait_for(timeout) == std::future_status::ready;
 }
 
 // The host's part of a shutdown: join the "database" service and wait until it has finished.
 inline bool join_database_service(int code = 0, long timeout_ms = 10000) {
     const kiv_thread_service_handle service = kiv_thread_service_find("database");
-    if (!service) return false;
-    kiv_thread_service_join(service, code);
-    return kiv_thread_service_wait(service, timeout_ms);
+    if (service) kiv_thread_service_join(service, code);
+    return service && kiv_thread_service_wait(service, timeout_ms);
 }
 
 // A fresh directory under TMPDIR, removed with its files at scope end.
 class temp_dir {
 public:
-    temp_dir() {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base ? base : "/tmp") + "/kiv_test_XXXXXX";
-        path_ = mkdtemp(pattern.data()) ? pattern : std::string();
+    temp_dir() : path_(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/kiv_test_XXXXXX") {
+        if (mkdtemp(path_.data()) == nullptr) path_.clear();
     }
-    ~temp_dir() {
-        if (!path_.empty()) std::system(("chmod -R u+w '" + path_ + "'; rm -rf '" + path_ + "'").c_str());
-    }
+    ~temp_dir() { std::system(("chmod -R u+w '" + path_ + "' && rm -rf '" + path_ + "'").c_str()); }
     temp_dir(const temp_dir&) = delete;
     temp_dir& operator=(const temp_dir&) = delete;
     std::string file(const std::string& name) const { return path_ + "/" + name; }
@@ -62,15 +55,16 @@ inline std::string read_file(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// Line `line` (from 1) of the library's connection source, and the first line holding `needle`.
+// Line `line` (from 1) of the library's connection source.
 inline std::string library_source_line(int line) {
     std::ifstream in(KIV_SOURCE_DIR "/kiv_database/kiv_sqlite.cpp");
     std::string text;
-    for (int n = 1; n <= line && std::getline(in, text); ++n) {
+    while (line-- > 0 && std::getline(in, text)) {
     }
     return text;
 }
-// The number of the first line of the library's connection source that contains `needle`.
+
+// The number of the first line of that source holding `needle`; 0 if none.
 inline int library_source_line_of(const std::string& needle) {
     std::ifstream in(KIV_SOURCE_DIR "/kiv_database/kiv_sqlite.cpp");
     std::string text;
@@ -87,19 +81,18 @@ inline std::string query(const kiv_sqlite_handle& c, const std::string& sql) {
     return text;
 }
 
-// Runs `body` in a forked child; its exit status, or 1000 + signal, or -1 when it outlived `seconds`.
+// Runs `body` in a forked child: its exit status, 1000 + its signal, or -1 when it hung.
 inline int run_in_child(const std::function<int()>& body, int seconds = 30) {
     std::cout.flush();
     const pid_t child = fork();
     if (child == 0) _exit(body());
     int status = 0;
-    for (int waited = 0; waitpid(child, &status, WNOHANG) == 0; ++waited) {
-        if (waited == seconds * 100) {
-            kill(child, SIGKILL);
-            waitpid(child, &status, 0);
-            return -1;
-        }
-        poll(nullptr, 0, 10);
+    pid_t ended = 0;
+    for (int waited = 0; (ended = waitpid(child, &status, WNOHANG)) == 0 && waited < seconds * 100; ++waited) poll(nullptr, 0, 10);
+    if (ended == 0) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        return -1;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }

@@ -4,8 +4,8 @@
 
 #include <iostream>
 #include <mutex>
-#include <streambuf>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "framework/kiv_assertion.h"
@@ -38,11 +38,9 @@ public:
         std::lock_guard<std::mutex> guard(lock_);
         return text_;
     }
-    std::string take() {  // what was captured so far; starts afresh
-        std::string taken;
+    std::string take() {  // what was captured so far, starting afresh
         std::lock_guard<std::mutex> guard(lock_);
-        taken.swap(text_);
-        return taken;
+        return std::exchange(text_, std::string());
     }
     int flushes() const {
         std::lock_guard<std::mutex> guard(lock_);
@@ -51,10 +49,9 @@ public:
 
 private:
     int_type overflow(int_type ch) override {
-        if (traits_type::eq_int_type(ch, traits_type::eof())) return traits_type::not_eof(ch);
         const char c = traits_type::to_char_type(ch);
-        xsputn(&c, 1);
-        return ch;
+        if (!traits_type::eq_int_type(ch, traits_type::eof())) xsputn(&c, 1);
+        return traits_type::not_eof(ch);
     }
     std::streamsize xsputn(const char* s, std::streamsize n) override {
         std::lock_guard<std::mutex> guard(lock_);
@@ -92,10 +89,8 @@ public:
     assertion_recorder(const assertion_recorder&) = delete;
     assertion_recorder& operator=(const assertion_recorder&) = delete;
     std::vector<assertion_call> take() {
-        std::vector<assertion_call> taken;
         std::lock_guard<std::mutex> guard(lock_);
-        taken.swap(calls_);
-        return taken;
+        return std::exchange(calls_, {});
     }
 
 private:
