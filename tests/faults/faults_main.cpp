@@ -82,8 +82,8 @@ bool install_faults() {
     return sqlite3_vfs_register(&fault_vfs, 1) == SQLITE_OK;
 }
 
-constexpr int base_rows = 40, rows = 30;
-const std::string value(300, 'v'), whole = std::to_string(rows) + " " + std::to_string(rows * 300) + ".0";
+constexpr int base_rows = 40, rows = 12;
+const std::string value(800, 'v'), whole = std::to_string(rows) + " " + std::to_string(rows * 800) + ".0";
 std::size_t heap_in_use() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
 
 struct round_result {
