@@ -2,12 +2,17 @@
 
 // Helpers for tests that drive the library through its exported API.
 
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <future>
+#include <iterator>
 #include <string>
-#include <unistd.h>
 
 #include "framework/kiv_thread_service.h"
 #include "kiv_database/database_service.h"
@@ -15,34 +20,27 @@
 
 namespace kiv_test {
 
-// Runs everything queued on the database worker so far (jobs run in FIFO order).
-// False when the worker did not get there within the timeout (e.g. the service is stopped).
+// Runs everything queued on the database worker so far; false when it did not get there in time.
 inline bool drain_database_worker(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
     auto done = std::make_shared<std::promise<void>>();
-    std::future<void> ran = done->get_future();
     kiv_database_exec([done] { done->set_value(); }, __FILE__, __LINE__);
-    return ran.wait_for(timeout) == std::future_status::ready;
+    return done->get_future().wait_for(timeout) == std::future_status::ready;
 }
 
 // The host's part of a shutdown: join the "database" service and wait until it has finished.
 inline bool join_database_service(int code = 0, long timeout_ms = 10000) {
-    kiv_thread_service_handle service = kiv_thread_service_find("database");
-    if (!service) return false;
-    kiv_thread_service_join(service, code);
-    return kiv_thread_service_wait(service, timeout_ms);
+    const kiv_thread_service_handle service = kiv_thread_service_find("database");
+    if (service) kiv_thread_service_join(service, code);
+    return service && kiv_thread_service_wait(service, timeout_ms);
 }
 
 // A fresh directory under TMPDIR, removed with its files at scope end.
 class temp_dir {
 public:
-    temp_dir() {
-        const char* base = std::getenv("TMPDIR");
-        std::string pattern = std::string(base ? base : "/tmp") + "/kiv_test_XXXXXX";
-        path_ = mkdtemp(pattern.data()) ? pattern : std::string();
+    temp_dir() : path_(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/kiv_test_XXXXXX") {
+        if (mkdtemp(path_.data()) == nullptr) path_.clear();
     }
-    ~temp_dir() {
-        if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
-    }
+    ~temp_dir() { std::system(("chmod -R u+w '" + path_ + "' && rm -rf '" + path_ + "'").c_str()); }
     temp_dir(const temp_dir&) = delete;
     temp_dir& operator=(const temp_dir&) = delete;
     std::string file(const std::string& name) const { return path_ + "/" + name; }
@@ -52,23 +50,51 @@ private:
     std::string path_;
 };
 
-// The text of line `line` (from 1) of the library's connection source, for checking that a
-// reported line really is the line of a check or an output statement.
+inline std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Line `line` (from 1) of the library's connection source.
 inline std::string library_source_line(int line) {
     std::ifstream in(KIV_SOURCE_DIR "/kiv_database/kiv_sqlite.cpp");
     std::string text;
-    for (int n = 1; n <= line && std::getline(in, text); ++n) {
+    while (line-- > 0 && std::getline(in, text)) {
     }
     return text;
 }
 
-// The number of the first line of the library's connection source that contains `needle`.
+// The number of the first line of that source holding `needle`; 0 if none.
 inline int library_source_line_of(const std::string& needle) {
     std::ifstream in(KIV_SOURCE_DIR "/kiv_database/kiv_sqlite.cpp");
     std::string text;
     for (int n = 1; std::getline(in, text); ++n)
         if (text.find(needle) != std::string::npos) return n;
     return 0;
+}
+
+// The first column of the first row of `sql` as text, "" without a row; the statement is released.
+inline std::string query(const kiv_sqlite_handle& c, const std::string& sql) {
+    std::string text;
+    if (kiv_sqlite_prepare(c, sql) == SQLITE_OK && kiv_sqlite_step(c) == SQLITE_ROW) text = kiv_sqlite_column_text(c, 0);
+    kiv_sqlite_finalize(c);
+    return text;
+}
+
+// Runs `body` in a forked child: its exit status, 1000 + its signal, or -1 when it hung.
+inline int run_in_child(const std::function<int()>& body, int seconds = 30) {
+    std::cout.flush();
+    const pid_t child = fork();
+    if (child == 0) _exit(body());
+    int status = 0;
+    pid_t ended = 0;
+    for (int waited = 0; (ended = waitpid(child, &status, WNOHANG)) == 0 && waited < seconds * 100; ++waited) poll(nullptr, 0, 10);
+    if (ended == 0) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        return -1;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }
 
 }  // namespace kiv_test
