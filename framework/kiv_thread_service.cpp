@@ -461,8 +461,8 @@ void kiv_thread_service_join(kiv_thread_service_handle service, int code) {
     kiv_thread_service_join_handler handler;  // a copy: it may be replaced meanwhile
     {
         std::lock_guard<std::mutex> guard(service->lock);
-        if (!service->join_code) service->join_code = code;
         if (service->current != state::running) return;  // a stop is under way, or over
+        if (!service->join_code) service->join_code = code;
         handler = service->join_handler;
     }
     bool deferred = false;

@@ -42,7 +42,7 @@ using kiv_thread_service_stop_callback = std::function<void(kiv_thread_service_h
 KIV_FRAMEWORK_API kiv_thread_service_handle kiv_thread_service_new(std::string name);
 
 // Called once on the worker after the loop has ended and the stop callbacks have run, with the
-// code of the first kiv_thread_service_join (0 otherwise). Replaces an earlier handler; once the
+// code of the first kiv_thread_service_join made before the stop (0 otherwise). Replaces an earlier handler; once the
 // service has stopped, it is dropped uncalled.
 KIV_FRAMEWORK_API void kiv_thread_service_on_finished(kiv_thread_service_handle service,
                                                       kiv_thread_service_finish_handler handler);
@@ -90,8 +90,7 @@ KIV_FRAMEWORK_API int kiv_thread_service_run_once(kiv_thread_service_handle serv
 
 // The join request: records `code` (the first one counts), calls the join handler with the
 // service and `code` on this thread, and stops the service at once when there is none or it
-// returns false. Does nothing once a stop has been requested, apart from recording the code.
-// Does not wait.
+// returns false. Does nothing once a stop has been requested. Does not wait.
 KIV_FRAMEWORK_API void kiv_thread_service_join(kiv_thread_service_handle service, int code);
 // Blocks until the service has finished and released its handlers. true when finished; false
 // on timeout (timeout_ms >= 0) or when called from the service's own worker.

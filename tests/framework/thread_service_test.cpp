@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <ctime>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -86,6 +87,9 @@ TEST(ThreadService, JobsRunInOrderOnTheWorkerAndDropWhatTheyCapturedAtOnce) {
     char name[16] = {};
     kiv_thread_service_exec(s, [token = std::move(token)] {}, "t", 0);
     kiv_thread_service_exec(s, [&] { released = watch.expired(), pthread_getname_np(pthread_self(), name, 16); }, "t", 0);
+    const std::clock_t before = std::clock();  // the process's CPU time: an idle worker sleeps
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 50);
     stop_and_wait(s);
     for (const auto& v : seen) for (int i = 0; i < 5000; ++i) ASSERT_EQ(v.at(i), i);
     EXPECT_TRUE(released);
