@@ -27,14 +27,11 @@ using handle = kiv_thread_service_handle;
 using strings = std::vector<std::string>;
 using latch = std::shared_ptr<std::promise<void>>;
 
-latch make_latch() { return std::make_shared<std::promise<void>>(); }
-bool wait_for(const latch& s) { return s->get_future().wait_for(30s) == std::future_status::ready; }
-
 // Occupies the worker until the returned latch is set, so that work piles up behind it.
 latch stall(const handle& s) {
-    latch release = make_latch(), entered = make_latch();
+    latch release = std::make_shared<std::promise<void>>(), entered = std::make_shared<std::promise<void>>();
     kiv_thread_service_exec(s, [entered, gate = release->get_future().share()] { entered->set_value(), gate.wait(); }, "t", 0);
-    wait_for(entered);
+    entered->get_future().wait();
     return release;
 }
 
