@@ -36,7 +36,6 @@ kiv_sqlite_handle guarded(const schedule& how) {
     return db;
 }
 
-const unsigned long hour = 3600000;
 const schedule run_job = [](auto g) { kiv_database_exec([g = std::move(g)] {}, __FILE__, __LINE__); };
 
 }  // namespace
@@ -74,11 +73,11 @@ TEST(HostSafety, GuardsDestroyWhereverTheirFunctionDies) {
     const std::pair<const char*, schedule> cases[] = {
         {"job runs", run_job},
         {"timeout cleared", [](auto g) {
-             kiv_database_clear_timeout(kiv_database_set_timeout([g = std::move(g)] {}, hour, __FILE__, __LINE__));
+             kiv_database_clear_timeout(kiv_database_set_timeout([g = std::move(g)] {}, 3600000, __FILE__, __LINE__));
          }},
         {"interval cleared in a job", [](auto g) {
              const unsigned long id =
-                 kiv_database_set_interval([g = std::move(g)] { return true; }, hour, __FILE__, __LINE__);
+                 kiv_database_set_interval([g = std::move(g)] { return true; }, 3600000, __FILE__, __LINE__);
              kiv_database_exec([id] { kiv_database_clear_interval(id); }, __FILE__, __LINE__);
          }},
     };

@@ -64,11 +64,11 @@ TEST(ThreadService, JobsRunInOrderOnTheWorkerAndDropWhatTheyCapturedAtOnce) {
     });
     for (auto& t : producers) t.join();
     auto token = std::make_shared<int>();
+    const std::weak_ptr<int> watch = token;
     bool released = false;
     char name[16] = {};
-    kiv_thread_service_exec(s, [token] {}, "t", 0);
-    kiv_thread_service_exec(s, [&, watch = std::weak_ptr<int>(token)] { released = watch.expired(), pthread_getname_np(pthread_self(), name, 16); }, "t", 0);
-    token.reset();
+    kiv_thread_service_exec(s, [token = std::move(token)] {}, "t", 0);
+    kiv_thread_service_exec(s, [&] { released = watch.expired(), pthread_getname_np(pthread_self(), name, 16); }, "t", 0);
     const std::clock_t before = std::clock();  // the process's CPU time: an idle worker sleeps
     std::this_thread::sleep_for(100ms);
     EXPECT_LT(std::clock() - before, CLOCKS_PER_SEC / 50);
@@ -93,11 +93,9 @@ TEST(ThreadService, TimersRunByDeadlineThenArmingOrderAndIdsNameOneTimerInThePro
     add("late", 200), add("a", 0);
     const unsigned long gone = add("gone", 0);
     add("b", 0);
-    unsigned long self = 0;
-    self = kiv_thread_service_set_interval(s, [&] {
-        if (order.push_back("tick"), order.size() == 5) {
-            EXPECT_TRUE(kiv_thread_service_clear_interval(s, self));
-        }
+    const unsigned long self = kiv_thread_service_set_interval(s, [&] {
+        order.push_back("tick");
+        EXPECT_TRUE(order.size() != 5 || kiv_thread_service_clear_interval(s, self));  // from inside its own callback
         return true;
     }, 1, "t", 0);
     kiv_thread_service_set_interval(s, [&] { return order.push_back("once"), false; }, 1, "t", 0);

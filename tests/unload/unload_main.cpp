@@ -14,8 +14,6 @@
 #include "kiv_database/database_service.h"
 #include "kiv_database/kiv_sqlite.h"
 
-namespace {
-
 // The host links none of the library's functions: it resolves them by their mangled names (a
 // missing one is a null call, which fails the run).
 #define KIV_HANDLE "N5boost10shared_ptrI11_kiv_sqliteEE"
@@ -44,8 +42,6 @@ struct library {
     }
 };
 
-}  // namespace
-
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
     if (mode == "open") kiv_thread_service_new("host");  // the framework then tears down after us
@@ -57,5 +53,4 @@ int main(int argc, char** argv) {
         if (dlclose(kiv.handle) != 0) std::abort();
     }
     if (mode == "running") library().cycle();  // loaded again: the same library and its service
-    return 0;
 }
