@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <future>
 #include <iostream>
-#include <string>
 #include <thread>
 
 #include "framework/kiv_thread_service.h"
@@ -24,28 +22,20 @@ void within_deadline(const char* what, const std::function<bool()>& done) {
     std::_Exit(1);
 }
 
-// A host's guard: destroys its connection when the function holding it dies.
-struct guard {
-    explicit guard(kiv_sqlite_handle connection) : db(std::move(connection)) {}
-    ~guard() { kiv_sqlite_destroy(db, __FILE__, __LINE__); }
-    kiv_sqlite_handle db;
-};
-using schedule = std::function<void(std::shared_ptr<guard>)>;
-
-// Hands `how`, on a thread of its own, the only share of a guard of a new open connection, and
-// waits until the guard has destroyed it. Returns the connection.
+// Hands `how`, on a thread of its own, the only share of a host's guard of a new open connection
+// (it destroys the connection when the function holding it dies), and waits until that destroy has
+// returned. Returns the connection.
+using schedule = std::function<void(std::shared_ptr<void>)>;
 kiv_sqlite_handle guarded(const schedule& how) {
     const kiv_sqlite_handle db = kiv_sqlite_new(":memory:", "guarded");
     EXPECT_EQ(kiv_sqlite_open(db), SQLITE_OK);
-    std::thread(how, std::make_shared<guard>(db)).detach();
-    within_deadline("guard", [&] {
-        std::lock_guard<std::mutex> lock(db->mutex);
-        return boost::any_cast<bool>(db->properties["object-destroyed"]);
-    });
+    std::atomic<bool> destroyed{false};
+    std::shared_ptr<void> guard(nullptr, [db, &destroyed](void*) { kiv_sqlite_destroy(db, __FILE__, __LINE__), destroyed = true; });
+    std::thread(how, std::move(guard)).detach();
+    within_deadline("guard", [&] { return destroyed.load(); });
     return db;
 }
 
-const unsigned long hour = 3600000;
 const schedule run_job = [](auto g) { kiv_database_exec([g = std::move(g)] {}, __FILE__, __LINE__); };
 
 }  // namespace
@@ -74,19 +64,20 @@ TEST(HostSafety, LookupsRaceEachOtherAndTheDestroyJob) {
     }
 }
 
-// The ways a function holding a guard dies: it runs and is released, it is cleared (by the
-// caller, by a job), it is refused by a service that has finished (or not started, below).
-// None deadlocks, and the guard's destroy is done or refused like any other.
+// The ways a function holding a guard dies: it runs and is released, it is cleared (by the caller,
+// by a job), it is refused by a service that has finished (or not started, below: an object left
+// tracked keeps the service's join waiting). None deadlocks, and the guard's destroy is done, or
+// refused (the object stays marked, open and tracked).
 TEST(HostSafety, GuardsDestroyWhereverTheirFunctionDies) {
     kiv_database_init();
     const std::pair<const char*, schedule> cases[] = {
         {"job runs", run_job},
         {"timeout cleared", [](auto g) {
-             kiv_database_clear_timeout(kiv_database_set_timeout([g = std::move(g)] {}, hour, __FILE__, __LINE__));
+             kiv_database_clear_timeout(kiv_database_set_timeout([g = std::move(g)] {}, 3600000, __FILE__, __LINE__));
          }},
         {"interval cleared in a job", [](auto g) {
              const unsigned long id =
-                 kiv_database_set_interval([g = std::move(g)] { return true; }, hour, __FILE__, __LINE__);
+                 kiv_database_set_interval([g = std::move(g)] { return true; }, 3600000, __FILE__, __LINE__);
              kiv_database_exec([id] { kiv_database_clear_interval(id); }, __FILE__, __LINE__);
          }},
     };
@@ -95,8 +86,7 @@ TEST(HostSafety, GuardsDestroyWhereverTheirFunctionDies) {
         within_deadline(what, [&] { return !kiv_sqlite_is_opened(db); });
     }
     kiv_thread_service_join_all(0);
-    // Refused by the finished service: the object stays marked, open and tracked.
-    EXPECT_TRUE(kiv_sqlite_is_opened(guarded(run_job)));
+    EXPECT_TRUE(kiv_sqlite_is_opened(guarded(run_job)));  // after the finish
 }
 
 TEST(HostSafety, GuardRefusedBeforeInit) { EXPECT_TRUE(kiv_sqlite_is_opened(guarded(run_job))); }

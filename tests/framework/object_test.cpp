@@ -1,4 +1,4 @@
-// The framework's base object, its reference table and the property map.
+// The framework's base object, reference table, property map and assertion function, as the library uses them.
 
 #include <gtest/gtest.h>
 
@@ -7,10 +7,11 @@
 #include <sstream>
 #include <string>
 
+#include "framework/kiv_assertion.h"
 #include "framework/kiv_object.h"
 #include "tests/support/kiv_test_support.h"
 
-TEST(FrameworkObject, PropertiesDestroyAndDescribe) {
+TEST(FrameworkObject, PropertiesDescribeAndNoSharedOwner) {
     kiv_test::cout_capture out;
     _kiv_object object;
     boost::any value = std::string("untouched");
@@ -18,9 +19,6 @@ TEST(FrameworkObject, PropertiesDestroyAndDescribe) {
     EXPECT_EQ(boost::any_cast<std::string>(value), "untouched");
     ASSERT_TRUE(kiv_property_get(object.properties, "object-destroyed", value));
     EXPECT_FALSE(boost::any_cast<bool>(value));
-    object.destroy("f.cpp", 1);
-    ASSERT_TRUE(kiv_property_get(object.properties, "object-destroyed", value));
-    EXPECT_TRUE(boost::any_cast<bool>(value));
     const std::lock_guard<std::mutex> held(object.mutex);  // describe() must not take it
     object.describe();
     std::ostringstream address;
@@ -35,13 +33,29 @@ TEST(FrameworkObject, RefHoldsOneHandleAndUnrefGivesItBack) {
     const boost::weak_ptr<_kiv_object> watch = object;
     EXPECT_EQ(object->shared_object(), object);
     kiv_object_unref_real(object);  // not reffed: left alone
-    kiv_object_ref(object), kiv_object_ref(object), kiv_object_ref(nullptr);  // a second ref changes nothing
+    kiv_object_ref(object), kiv_object_ref(object);  // a second ref changes nothing
     EXPECT_TRUE(object->is_reffed());
     EXPECT_EQ(kiv_object_reffed_count(), before + 1);
     object.reset();
     ASSERT_FALSE(watch.expired());  // the framework keeps it alive
     kiv_object_unref_real(watch.lock());
-    kiv_object_unref_real(nullptr);
     EXPECT_TRUE(watch.expired());
     EXPECT_EQ(kiv_object_reffed_count(), before);
+}
+
+TEST(FrameworkAssertion, HandlerSeesEveryCallWithoutItOnlyAFailureWritesOneLine) {
+    kiv_test::cout_capture out;
+    for (const bool cond : {true, false}) {
+        kiv_test::assertion_recorder recorder;
+        kiv_assertion_faild(cond, "db!=nullptr", "no database", "a.cpp", 10);
+        const auto calls = recorder.take();
+        ASSERT_EQ(calls.size(), 1u);
+        EXPECT_TRUE(calls[0].cond == cond && calls[0].cond_text == "db!=nullptr" && calls[0].message == "no database" &&
+                    calls[0].file == "a.cpp" && calls[0].line == 10);
+    }
+    EXPECT_EQ(out.str(), "");  // the handler replaces the default output
+    kiv_assertion_faild(true, "db!=nullptr", "no database", "a.cpp", 10);
+    kiv_assertion_faild(false, "db!=nullptr", "no database", "a.cpp", 10);
+    EXPECT_EQ(out.str(), kiv_test::error_banner + "assertion failed: db!=nullptr - no database at a.cpp:10\n");
+    EXPECT_EQ(out.flushes(), 1);
 }
