@@ -88,7 +88,7 @@ TEST(Connection, OpenCloseRegistryAndMemory) {
     EXPECT_TRUE(kiv_test::join_database_service());
 }
 
-TEST(Destroy, ReleasedOnTheWorkerWarnedTwiceAndBadMarksRefused) {
+TEST(Destroy, ReleasedOnTheWorkerWarnedTwiceRacedAndBadMarksRefused) {
     kiv_database_init();
     kiv_test::cout_capture out;
     kiv_sqlite_handle c = kiv_sqlite_new(":memory:", "d");
@@ -121,6 +121,27 @@ TEST(Destroy, ReleasedOnTheWorkerWarnedTwiceAndBadMarksRefused) {
     EXPECT_EQ(kiv_test::count_of(lines, "[kiv_sqlite]"), 2u) << lines;  // describe()
     EXPECT_EQ(kiv_test::count_of(lines, "\n"), 2u) << lines;
 
+    // Two threads destroy one object at the same moment: one job, one warning line.
+    for (int round = 0; round < 50; ++round) {
+        const kiv_sqlite_handle target = kiv_sqlite_new(":memory:", "race");
+        std::promise<void> hold, start;
+        std::promise<int> queued;  // the jobs that waited behind ours
+        kiv_database_exec([&, start = start.get_future().share()] { hold.set_value(), start.wait(), queued.set_value(kiv_database_run_once()); },
+                          __FILE__, __LINE__);
+        hold.get_future().wait();
+        std::atomic<int> ready{0};
+        const auto destroy = [&] {
+            for (++ready; ready.load() < 2;) {
+            }
+            EXPECT_TRUE(kiv_sqlite_destroy(target, "race.cpp", round));
+        };
+        std::thread first(destroy), second(destroy);
+        first.join(), second.join(), start.set_value();
+        EXPECT_EQ(queued.get_future().get(), 1) << "round " << round;
+        const std::string seen = out.take();
+        EXPECT_EQ(kiv_test::count_of(seen, "CALLING DESTROY MULTIPLE TIMES") + kiv_test::count_of(seen, left + "0\n"), 2u) << seen;
+    }
+
     // A mark that is not a bool: one error line naming the output statement, no job.
     const kiv_sqlite_handle marked = kiv_sqlite_new(":memory:", "marked");
     marked->properties["object-destroyed"] = std::string("yes");
@@ -136,32 +157,6 @@ TEST(Destroy, ReleasedOnTheWorkerWarnedTwiceAndBadMarksRefused) {
     ASSERT_TRUE(kiv_test::drain_database_worker() && kiv_test::join_database_service());
     EXPECT_EQ(out.take(), left + "0\nDATABASE SERVICE SHOT DONW REQUEST\nDATABASE THREAD SERVICE STOPPED\nDATABASE SERVICE DONE\n");
     EXPECT_TRUE(released(c));
-}
-
-// Two threads destroy one object at the same moment: one job, one warning line.
-TEST(Destroy, RacedFromTwoThreadsPostsOneJob) {
-    kiv_database_init();
-    kiv_test::cout_capture out;
-    for (int round = 0; round < 50; ++round) {
-        const kiv_sqlite_handle c = kiv_sqlite_new(":memory:", "raced");
-        std::promise<void> holding, go;
-        std::promise<int> queued;  // the jobs that waited behind ours
-        kiv_database_exec([&, go = go.get_future().share()] { holding.set_value(), go.wait(), queued.set_value(kiv_database_run_once()); },
-                          __FILE__, __LINE__);
-        holding.get_future().wait();
-        std::atomic<int> ready{0};
-        const auto destroy = [&] {
-            for (++ready; ready.load() < 2;) {
-            }
-            EXPECT_TRUE(kiv_sqlite_destroy(c, "race.cpp", round));
-        };
-        std::thread first(destroy), second(destroy);
-        first.join(), second.join(), go.set_value();
-        EXPECT_EQ(queued.get_future().get(), 1) << "round " << round;
-        const std::string lines = out.take();
-        EXPECT_EQ(kiv_test::count_of(lines, "CALLING DESTROY MULTIPLE TIMES") + kiv_test::count_of(lines, left + "0\n"), 2u) << lines;
-    }
-    EXPECT_TRUE(kiv_test::join_database_service());
 }
 
 }  // namespace
