@@ -1,13 +1,7 @@
 // Every exported connection function on an empty handle, on an object never opened and on an
 // open one without a statement: the result and output parameters, the warning line, the checks.
 
-#include <gtest/gtest.h>
-
-#include <map>
-#include <sstream>
-
 #include "kiv_db_test_util.h"
-#include "kiv_test_support.h"
 
 namespace {
 
@@ -66,6 +60,7 @@ TEST(ExportedFrame, EveryFunctionOnEmptyUnopenedAndIdleObjects) {
         {"stmt!=nullptr", {'s', "database statement must be opened"}},
         {"stmt==nullptr", {'z', "database statement must not be opened already"}}};
 
+    const std::vector<std::string> source = kiv_test::library_source();
     kiv_database_init();
     kiv_test::assertion_recorder assertions;
     kiv_test::cout_capture out;
@@ -91,7 +86,7 @@ TEST(ExportedFrame, EveryFunctionOnEmptyUnopenedAndIdleObjects) {
                 EXPECT_EQ(a.cond, kind == 'z' || (kind == 'd' && o == 2)) << c.name << " " << kind;
                 EXPECT_EQ(a.message, text);
                 EXPECT_EQ(a.file, "kiv_database/kiv_sqlite");
-                EXPECT_NE(kiv_test::library_source_line(a.line).find("__LINE__"), std::string::npos) << a.line;
+                EXPECT_NE(source.at(a.line).find("__LINE__"), std::string::npos) << a.line;
             }
         }
         EXPECT_EQ(results + made[1], c.expected) << c.name;

@@ -1,12 +1,7 @@
 // Opening what is not a healthy database file: SQLite's codes through the API, no crash, no
 // memory kept, and the caller's files exactly as they were.
 
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
 #include "kiv_db_test_util.h"
-#include "kiv_test_support.h"
 
 namespace {
 

@@ -1,10 +1,7 @@
 // The "database" service: the shutdown handshake with its console lines, and a host that exits
 // without shutting anything down.
 
-#include <gtest/gtest.h>
-
 #include "kiv_db_test_util.h"
-#include "kiv_test_support.h"
 
 namespace {
 

@@ -1,44 +1,28 @@
 // Statements against a real SQLite database: preparing, binding, stepping, row iteration and
 // column access.
 
-#include <gtest/gtest.h>
-
-#include <climits>
-#include <cstring>
-
 #include "kiv_db_test_util.h"
-#include "kiv_test_support.h"
 
 namespace {
 
-class Statement : public ::testing::Test {
-protected:
-    void SetUp() override {
-        kiv_database_init();
-        ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
-    }
-    void TearDown() override {
-        kiv_sqlite_destroy(c, __FILE__, __LINE__);
-        EXPECT_TRUE(kiv_test::join_database_service());
-    }
-    std::string blob(int column) {  // the copy of the column's bytes; "null" when none was made
+TEST(Statement, PrepareBindStepRowsEachAndColumns) {
+    kiv_database_init();
+    kiv_test::assertion_recorder assertions;
+    const kiv_sqlite_handle c = kiv_sqlite_new(":memory:", "statement");
+    ASSERT_EQ(kiv_sqlite_open(c), SQLITE_OK);
+    const auto blob = [&](int column) {  // the copy of the column's bytes; "null" when none was made
         unsigned char* data = reinterpret_cast<unsigned char*>(0x1);
         int size = -1;
         EXPECT_TRUE(kiv_sqlite_column_blob(c, column, data, size));
         const std::string copy = data ? std::string(reinterpret_cast<char*>(data), static_cast<std::size_t>(size)) : "null";
         std::free(data);
         return copy;
-    }
-    std::string row() {  // the current row, each column's bytes
+    };
+    const auto row = [&] {  // the current row, each column's bytes
         std::string text;
         for (int i = 0; i < kiv_sqlite_data_count(c); ++i) text += (i ? "," : "") + blob(i);
         return text;
-    }
-    kiv_test::assertion_recorder assertions;
-    const kiv_sqlite_handle c = kiv_sqlite_new(":memory:", "statement");
-};
-
-TEST_F(Statement, PrepareBindAndExecute) {
+    };
     ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT 1; SELECT 2"), SQLITE_OK);
     EXPECT_STREQ(kiv_sqlite_sql(c), "SELECT 1;") << "only the first statement";
     sqlite3_stmt* const held = c->stmt;
@@ -50,7 +34,7 @@ TEST_F(Statement, PrepareBindAndExecute) {
     EXPECT_STREQ(kiv_sqlite_last_error_message(c), "near \"SELEC\": syntax error");
     EXPECT_STREQ(kiv_sqlite_errstr(c, SQLITE_BUSY), "database is locked");
     char* message = nullptr;
-    EXPECT_EQ(kiv_sqlite_sql_stmt(c, "CREATE TABLE t(v UNIQUE); INSERT INTO t VALUES (10), (20), (30);", nullptr), SQLITE_OK);
+    EXPECT_EQ(kiv_sqlite_sql_stmt(c, "CREATE TABLE t(v INTEGER UNIQUE); INSERT INTO t VALUES (10), (20), (30);", nullptr), SQLITE_OK);
     EXPECT_EQ(kiv_sqlite_last_insert_rowid(c) * 10 + kiv_sqlite_affected_rows_count(c), 33);
     EXPECT_EQ(kiv_sqlite_sql_stmt(c, "INSERT INTO missing VALUES (1)", &message), SQLITE_ERROR);
     EXPECT_STREQ(message, "no such table: missing");
@@ -84,10 +68,8 @@ TEST_F(Statement, PrepareBindAndExecute) {
     const auto* text = reinterpret_cast<const char*>(0x10);
     EXPECT_EQ(kiv_sqlite_bind_blob(c, 1, bogus, huge) + kiv_sqlite_bind_blob_static(c, 1, bogus, huge) +
                   kiv_sqlite_bind_text(c, 1, text, huge) + kiv_sqlite_bind_text_static(c, 1, text, huge), 4 * SQLITE_TOOBIG);
-}
+    kiv_sqlite_finalize(c);
 
-TEST_F(Statement, RowsEachAndColumns) {
-    ASSERT_EQ(kiv_sqlite_sql_stmt(c, "CREATE TABLE t(v INTEGER UNIQUE); INSERT INTO t VALUES (10), (20), (30);", nullptr), SQLITE_OK);
     ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT v FROM t ORDER BY v"), SQLITE_OK);
     std::string seen;
     unsigned long counter = 99;
@@ -131,6 +113,8 @@ TEST_F(Statement, RowsEachAndColumns) {
     EXPECT_EQ(blob(5), std::string("a\0b\xff", 4));
     EXPECT_EQ(kiv_sqlite_column_text(c, 7), "a") << "text ends at its first zero byte";
     kiv_sqlite_finalize(c);
+    kiv_sqlite_destroy(c, __FILE__, __LINE__);
+    EXPECT_TRUE(kiv_test::join_database_service());
 }
 
 }  // namespace

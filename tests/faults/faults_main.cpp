@@ -8,17 +8,9 @@
 //
 // Its own executable: the allocator can only be replaced before SQLite initialises.
 
-#include <gtest/gtest.h>
-
 #include <malloc.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstring>
-#include <fstream>
-
 #include "kiv_db_test_util.h"
-#include "kiv_test_support.h"
 
 namespace {
 
@@ -137,20 +129,19 @@ round_result run_round(const std::string& path, int fault_code) {
 }
 
 TEST(Faults, EachAllocationWriteSyncAndReadFailsInTurn) {
-    kiv_test::temp_dir dir;
-    const std::string path = dir.file("faults.db");
     kiv_test::assertion_recorder assertions;
     kiv_test::cout_capture out;
     kiv_database_init();
     const char* names[] = {"", "xWrite", "xSync", "xRead", "allocation once", "allocation on"};
     for (const std::string mode : {"delete", "wal"}) {
-        for (const char* suffix : {"", "-journal", "-wal", "-shm"}) std::remove((path + suffix).c_str());
+        kiv_test::temp_dir dir;
+        const std::string path = dir.file("faults.db");
         const kiv_sqlite_handle setup = kiv_sqlite_new(path, "setup");
         ASSERT_EQ(kiv_sqlite_open(setup), SQLITE_OK);
         ASSERT_EQ(kiv_test::query(setup, "PRAGMA journal_mode=" + mode), mode);
-        ASSERT_EQ(kiv_test::query(setup, "CREATE TABLE base(k INTEGER PRIMARY KEY, v TEXT)"), "");
-        ASSERT_EQ(kiv_test::query(setup, "WITH RECURSIVE n(k) AS (SELECT 1 UNION ALL SELECT k + 1 FROM n WHERE k < " +
-                                             std::to_string(base_rows) + ") INSERT INTO base SELECT k, printf('%.300c', 'b') FROM n"), "");
+        ASSERT_EQ(kiv_sqlite_sql_stmt(setup, ("CREATE TABLE base(k INTEGER PRIMARY KEY, v TEXT); WITH RECURSIVE n(k) AS (SELECT 1 UNION ALL "
+                                             "SELECT k + 1 FROM n WHERE k < " + std::to_string(base_rows) +
+                                             ") INSERT INTO base SELECT k, printf('%.300c', 'b') FROM n").c_str(), nullptr), SQLITE_OK);
         kiv_sqlite_destroy(setup, __FILE__, __LINE__);
         ASSERT_TRUE(kiv_test::drain_database_worker());
         const std::string image = kiv_test::read_file(path);

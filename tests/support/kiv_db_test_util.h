@@ -1,24 +1,35 @@
 #pragma once
 
-// Helpers for tests that drive the library through its exported API.
+// Helpers for tests that drive the library through its exported API, with what those tests include.
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <boost/weak_ptr.hpp>
 #include <chrono>
-#include <cstdlib>
+#include <climits>
+#include <cstring>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <iterator>
-#include <string>
+#include <map>
+#include <random>
+#include <sstream>
+#include <thread>
 
 #include "framework/kiv_thread_service.h"
 #include "kiv_database/database_service.h"
 #include "kiv_database/kiv_sqlite.h"
+#include "kiv_test_support.h"
 
 namespace kiv_test {
+
+inline const std::string objects_left = "left objects in database reference count: ";
 
 // Runs everything queued on the database worker so far; false when it did not get there in time.
 inline bool drain_database_worker(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
@@ -55,22 +66,13 @@ inline std::string read_file(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// Line `line` (from 1) of the library's connection source.
-inline std::string library_source_line(int line) {
+// The library's connection source, line n at index n (index 0 is empty).
+inline std::vector<std::string> library_source() {
     std::ifstream in(KIV_SOURCE_DIR "/kiv_database/kiv_sqlite.cpp");
-    std::string text;
-    while (line-- > 0 && std::getline(in, text)) {
+    std::vector<std::string> lines(1);
+    while (std::getline(in, lines.emplace_back())) {
     }
-    return text;
-}
-
-// The number of the first line of that source holding `needle`; 0 if none.
-inline int library_source_line_of(const std::string& needle) {
-    std::ifstream in(KIV_SOURCE_DIR "/kiv_database/kiv_sqlite.cpp");
-    std::string text;
-    for (int n = 1; std::getline(in, text); ++n)
-        if (text.find(needle) != std::string::npos) return n;
-    return 0;
+    return lines;
 }
 
 // The first column of the first row of `sql` as text, "" without a row; the statement is released.

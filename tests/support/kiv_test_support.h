@@ -26,14 +26,12 @@ inline std::size_t count_of(const std::string& text, const std::string& needle) 
     return n;
 }
 
-// Redirects std::cout for its lifetime into an unbuffered, locked buffer, so that lines written
+// Redirects std::cout for its lifetime (not copyable: it holds a mutex) into an unbuffered, locked buffer, so that lines written
 // from several threads are captured race-free; counts the flushes.
 class cout_capture : private std::streambuf {
 public:
     cout_capture() : old_(std::cout.rdbuf(this)) {}
     ~cout_capture() override { std::cout.rdbuf(old_); }
-    cout_capture(const cout_capture&) = delete;
-    cout_capture& operator=(const cout_capture&) = delete;
     std::string str() const {
         std::lock_guard<std::mutex> guard(lock_);
         return text_;
@@ -75,7 +73,7 @@ struct assertion_call {
     int line;
 };
 
-// Records every assertion call, holding or not, for its lifetime.
+// Records every assertion call, holding or not, for its lifetime (not copyable: it holds a mutex).
 class assertion_recorder {
 public:
     assertion_recorder() {
@@ -86,8 +84,6 @@ public:
         });
     }
     ~assertion_recorder() { kiv_assertion_clear_handler(); }
-    assertion_recorder(const assertion_recorder&) = delete;
-    assertion_recorder& operator=(const assertion_recorder&) = delete;
     std::vector<assertion_call> take() {
         std::lock_guard<std::mutex> guard(lock_);
         return std::exchange(calls_, {});
