@@ -4,34 +4,17 @@
 
 #include <boost/make_shared.hpp>
 
-#include <sstream>
-#include <string>
-
-#include "framework/kiv_assertion.h"
 #include "framework/kiv_object.h"
 #include "tests/support/kiv_test_support.h"
 
-TEST(FrameworkObject, PropertiesDescribeAndNoSharedOwner) {
-    kiv_test::cout_capture out;
-    _kiv_object object;
-    boost::any value = std::string("untouched");
-    EXPECT_FALSE(kiv_property_get(object.properties, "missing", value));
-    EXPECT_EQ(boost::any_cast<std::string>(value), "untouched");
-    ASSERT_TRUE(kiv_property_get(object.properties, "object-destroyed", value));
-    EXPECT_FALSE(boost::any_cast<bool>(value));
-    const std::lock_guard<std::mutex> held(object.mutex);  // describe() must not take it
-    object.describe();
-    std::ostringstream address;
-    address << static_cast<const void*>(&object);
-    EXPECT_EQ(out.str(), "\x1b[0;35m[kiv_object]\x1b[0;0m object at " + address.str() + "\n");
-    EXPECT_THROW(object.shared_object(), boost::bad_weak_ptr);
-}
-
-TEST(FrameworkObject, RefHoldsOneHandleAndUnrefGivesItBack) {
+TEST(FrameworkObject, RefHoldsOneHandleUnrefGivesItBackAndALooseObjectHasNoSharedOwner) {
     const std::size_t before = kiv_object_reffed_count();
     auto object = boost::make_shared<_kiv_object>();
     const boost::weak_ptr<_kiv_object> watch = object;
     EXPECT_EQ(object->shared_object(), object);
+    boost::any value;
+    ASSERT_TRUE(kiv_property_get(object->properties, "object-destroyed", value));
+    EXPECT_FALSE(boost::any_cast<bool>(value));
     kiv_object_unref_real(object);  // not reffed: left alone
     kiv_object_ref(object), kiv_object_ref(object);  // a second ref changes nothing
     EXPECT_TRUE(object->is_reffed());
@@ -41,6 +24,8 @@ TEST(FrameworkObject, RefHoldsOneHandleAndUnrefGivesItBack) {
     kiv_object_unref_real(watch.lock());
     EXPECT_TRUE(watch.expired());
     EXPECT_EQ(kiv_object_reffed_count(), before);
+    _kiv_object loose;
+    EXPECT_THROW(loose.shared_object(), boost::bad_weak_ptr);
 }
 
 TEST(FrameworkAssertion, HandlerSeesEveryCallWithoutItOnlyAFailureWritesOneLine) {
@@ -54,8 +39,7 @@ TEST(FrameworkAssertion, HandlerSeesEveryCallWithoutItOnlyAFailureWritesOneLine)
                     calls[0].file == "a.cpp" && calls[0].line == 10);
     }
     EXPECT_EQ(out.str(), "");  // the handler replaces the default output
-    kiv_assertion_faild(true, "db!=nullptr", "no database", "a.cpp", 10);
-    kiv_assertion_faild(false, "db!=nullptr", "no database", "a.cpp", 10);
+    for (const bool cond : {true, false}) kiv_assertion_faild(cond, "db!=nullptr", "no database", "a.cpp", 10);
     EXPECT_EQ(out.str(), kiv_test::error_banner + "assertion failed: db!=nullptr - no database at a.cpp:10\n");
     EXPECT_EQ(out.flushes(), 1);
 }
