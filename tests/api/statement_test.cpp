@@ -39,7 +39,6 @@ TEST(Statement, PrepareBindStepRowsEachAndColumns) {
 
     ASSERT_EQ(kiv_sqlite_prepare(c, std::string("SELECT :a, ?, ?3, ?4, ?5\0 junk", 30)), SQLITE_OK);
     EXPECT_EQ(kiv_sqlite_bind_parameter_count(c), 5);
-    EXPECT_STREQ(kiv_sqlite_bind_parameter_name(c, 1), ":a");
     EXPECT_EQ(kiv_sqlite_bind_parameter_index(c, ":a"), 1);
     char copied[] = "before", borrowed[] = "before";
     unsigned char bytes[] = {1, 0, 3}, kept[] = {1, 0, 3};
@@ -52,7 +51,6 @@ TEST(Statement, PrepareBindStepRowsEachAndColumns) {
     EXPECT_EQ(kiv_sqlite_bind_int(c, 1, 9), SQLITE_MISUSE) << "bound while running";
     EXPECT_EQ(kiv_sqlite_reset(c), SQLITE_OK);
     EXPECT_EQ(kiv_sqlite_bind_int(c, 1, 7) + kiv_sqlite_bind_double(c, 2, 0.5), SQLITE_OK);
-    EXPECT_EQ(kiv_sqlite_bind_int(c, 9, 1), SQLITE_RANGE);
     ASSERT_EQ(kiv_sqlite_step(c), SQLITE_ROW);
     EXPECT_EQ(row(), std::string("7,0.5,\1\0\3,\x9\0\3,1099511627776", 27)) << "the others kept across the reset";
     EXPECT_EQ(kiv_sqlite_reset(c) + kiv_sqlite_bind_clear(c) + kiv_sqlite_step(c), SQLITE_ROW);
@@ -99,7 +97,6 @@ TEST(Statement, PrepareBindStepRowsEachAndColumns) {
     }
     EXPECT_EQ(types, "12345");
     EXPECT_EQ(kiv_sqlite_column_int(c, 0) + kiv_sqlite_column_double(c, 1), 3.5);
-    EXPECT_STREQ(kiv_sqlite_column_name(c, 2), "'txt'");
     EXPECT_STREQ(kiv_sqlite_column_decltype(c, 6), "INTEGER");
     EXPECT_EQ(blob(3), "\xa5") << "a single byte is copied too";
     EXPECT_EQ(blob(4) + blob(99), "") << "NULL and no such column: an empty copy";
