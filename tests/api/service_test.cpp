@@ -5,8 +5,7 @@
 
 namespace {
 
-const std::string request = "DATABASE SERVICE SHOT DONW REQUEST\n", stopped = "DATABASE THREAD SERVICE STOPPED\nDATABASE SERVICE DONE\n";
-std::string left(int n) { return "left objects in database reference count: " + std::to_string(n) + "\n"; }
+using kiv_test::objects_left, kiv_test::service_stopped;
 
 TEST(DatabaseService, ShutdownWaitsForTheLastObjectAndInitStartsAgain) {
     kiv_test::cout_capture out;
@@ -16,26 +15,26 @@ TEST(DatabaseService, ShutdownWaitsForTheLastObjectAndInitStartsAgain) {
     EXPECT_EQ(kiv_thread_service_find("database"), service);
     const kiv_sqlite_handle a = kiv_sqlite_new(":memory:", "a"), b = kiv_sqlite_new(":memory:", "b");
     kiv_thread_service_join(service, 0);
-    EXPECT_EQ(out.take(), request);
+    EXPECT_EQ(out.take(), kiv_test::shutdown_request);
     EXPECT_FALSE(kiv_thread_service_wait(service, 50)) << "objects are alive: no stop yet";
     std::promise<void> nested;  // and work still runs; a job may hand over more without blocking
     kiv_database_exec([&] { kiv_database_exec([&] { nested.set_value(); }, __FILE__, __LINE__); }, __FILE__, __LINE__);
     ASSERT_EQ(nested.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
     kiv_sqlite_destroy(a, __FILE__, __LINE__);
     ASSERT_TRUE(kiv_test::drain_database_worker());
-    EXPECT_EQ(out.take(), left(1));
+    EXPECT_EQ(out.take(), objects_left(1));
     kiv_sqlite_destroy(b, __FILE__, __LINE__);
     ASSERT_TRUE(kiv_thread_service_wait(service, 10000));
-    EXPECT_EQ(out.take(), left(0) + stopped);
+    EXPECT_EQ(out.take(), objects_left(0) + service_stopped);
     EXPECT_FALSE(kiv_thread_service_find("database"));
     kiv_database_init();  // the request still stands: the new service stops when its list empties
     const kiv_thread_service_handle again = kiv_thread_service_find("database");
     kiv_sqlite_destroy(kiv_sqlite_new(":memory:", "c"), __FILE__, __LINE__);
     ASSERT_TRUE(again && kiv_thread_service_wait(again, 10000));
-    EXPECT_EQ(out.take(), left(0) + stopped);
+    EXPECT_EQ(out.take(), objects_left(0) + service_stopped);
     kiv_database_init();
     ASSERT_TRUE(kiv_test::join_database_service(7));
-    EXPECT_EQ(out.take(), request + stopped) << "joined without any object: it stops at once";
+    EXPECT_EQ(out.take(), kiv_test::shutdown_request + service_stopped) << "joined without any object: it stops at once";
 }
 
 // A host that exits with a connection open, neither destroyed nor joined, from its main thread or

@@ -24,15 +24,12 @@ TEST(Statement, PrepareBindStepRowsEachAndColumns) {
         return text;
     };
     ASSERT_EQ(kiv_sqlite_prepare(c, "SELECT 1; SELECT 2"), SQLITE_OK);
-    EXPECT_STREQ(kiv_sqlite_sql(c), "SELECT 1;") << "only the first statement";
-    sqlite3_stmt* const held = c->stmt;
     EXPECT_EQ(kiv_sqlite_prepare(c, "SELECT 3"), SQLITE_MISUSE) << "a held statement is never replaced";
-    EXPECT_TRUE(c->stmt == held && kiv_sqlite_finalize(c));
+    EXPECT_STREQ(kiv_sqlite_sql(c), "SELECT 1;") << "only the first statement";
+    EXPECT_TRUE(kiv_sqlite_finalize(c));
     EXPECT_EQ(kiv_sqlite_prepare(c, "SELEC nonsense"), SQLITE_ERROR);
-    EXPECT_EQ(c->stmt, nullptr);
-    EXPECT_EQ(kiv_sqlite_last_error_code(c), SQLITE_ERROR);
+    EXPECT_TRUE(c->stmt == nullptr && kiv_sqlite_last_error_code(c) == SQLITE_ERROR);
     EXPECT_STREQ(kiv_sqlite_last_error_message(c), "near \"SELEC\": syntax error");
-    EXPECT_STREQ(kiv_sqlite_errstr(c, SQLITE_BUSY), "database is locked");
     char* message = nullptr;
     EXPECT_EQ(kiv_sqlite_sql_stmt(c, "CREATE TABLE t(v INTEGER UNIQUE); INSERT INTO t VALUES (10), (20), (30);", nullptr), SQLITE_OK);
     EXPECT_EQ(kiv_sqlite_last_insert_rowid(c) * 10 + kiv_sqlite_affected_rows_count(c), 33);
@@ -42,8 +39,6 @@ TEST(Statement, PrepareBindStepRowsEachAndColumns) {
 
     ASSERT_EQ(kiv_sqlite_prepare(c, std::string("SELECT :a, ?, ?3, ?4, ?5\0 junk", 30)), SQLITE_OK);
     EXPECT_EQ(kiv_sqlite_bind_parameter_count(c), 5);
-    EXPECT_STREQ(kiv_sqlite_bind_parameter_name(c, 1), ":a");
-    EXPECT_EQ(kiv_sqlite_bind_parameter_index(c, ":a"), 1);
     char copied[] = "before", borrowed[] = "before";
     unsigned char bytes[] = {1, 0, 3}, kept[] = {1, 0, 3};
     EXPECT_EQ(kiv_sqlite_bind_text(c, 1, copied, 6) + kiv_sqlite_bind_text_static(c, 2, borrowed, 6) +
@@ -55,15 +50,13 @@ TEST(Statement, PrepareBindStepRowsEachAndColumns) {
     EXPECT_EQ(kiv_sqlite_bind_int(c, 1, 9), SQLITE_MISUSE) << "bound while running";
     EXPECT_EQ(kiv_sqlite_reset(c), SQLITE_OK);
     EXPECT_EQ(kiv_sqlite_bind_int(c, 1, 7) + kiv_sqlite_bind_double(c, 2, 0.5), SQLITE_OK);
-    EXPECT_EQ(kiv_sqlite_bind_int(c, 9, 1), SQLITE_RANGE);
     ASSERT_EQ(kiv_sqlite_step(c), SQLITE_ROW);
     EXPECT_EQ(row(), std::string("7,0.5,\1\0\3,\x9\0\3,1099511627776", 27)) << "the others kept across the reset";
     EXPECT_EQ(kiv_sqlite_reset(c) + kiv_sqlite_bind_clear(c) + kiv_sqlite_step(c), SQLITE_ROW);
     EXPECT_EQ(row(), ",,,,");
-    EXPECT_TRUE(kiv_sqlite_is_column_null(c, 0));
     kiv_sqlite_reset(c);
     // Sizes beyond SQLite's int length never reach SQLite (the pointer is not even read).
-    const unsigned long huge = static_cast<unsigned long>(INT_MAX) + 1;
+    const unsigned long huge = static_cast<unsigned long>(std::numeric_limits<int>::max()) + 1;
     const auto* bogus = reinterpret_cast<const unsigned char*>(0x10);
     const auto* text = reinterpret_cast<const char*>(0x10);
     EXPECT_EQ(kiv_sqlite_bind_blob(c, 1, bogus, huge) + kiv_sqlite_bind_blob_static(c, 1, bogus, huge) +
@@ -84,10 +77,8 @@ TEST(Statement, PrepareBindStepRowsEachAndColumns) {
     EXPECT_EQ(kiv_sqlite_rows_each(c, all), SQLITE_DONE);
     EXPECT_EQ(seen, "0:10 1:20 2:30 0:30 ") << "going on from there";
     kiv_sqlite_reset(c);
-    EXPECT_THROW(kiv_sqlite_rows_each(c, counter, kiv_sqlite_row_callback()), std::bad_function_call);
-    EXPECT_EQ(counter, 1u) << "the row is counted before the call";
-    EXPECT_THROW(kiv_sqlite_rows_each(c, [](kiv_sqlite_handle, unsigned long) -> bool { throw 7; }), int);
-    EXPECT_EQ(row(), "20") << "left where it stood";
+    EXPECT_THROW(kiv_sqlite_rows_each(c, counter, [](kiv_sqlite_handle, unsigned long) -> bool { throw 7; }), int);
+    EXPECT_EQ(row() + std::to_string(counter), "101") << "left where it stood, the row counted before the call";
     EXPECT_EQ(kiv_sqlite_rows_each(c, [](kiv_sqlite_handle r, unsigned long) { return kiv_sqlite_finalize(r); }), SQLITE_OK);
     ASSERT_EQ(kiv_sqlite_prepare(c, "INSERT INTO t VALUES (10)"), SQLITE_OK);
     EXPECT_EQ(kiv_sqlite_rows_each(c, counter, all), SQLITE_CONSTRAINT) << "an error exits through the reset";
@@ -105,9 +96,6 @@ TEST(Statement, PrepareBindStepRowsEachAndColumns) {
     }
     EXPECT_EQ(types, "12345");
     EXPECT_EQ(kiv_sqlite_column_int(c, 0) + kiv_sqlite_column_double(c, 1), 3.5);
-    EXPECT_STREQ(kiv_sqlite_column_name(c, 2), "'txt'");
-    EXPECT_EQ(kiv_sqlite_column_decltype(c, 2), nullptr);
-    EXPECT_STREQ(kiv_sqlite_column_decltype(c, 6), "INTEGER");
     EXPECT_EQ(blob(3), "\xa5") << "a single byte is copied too";
     EXPECT_EQ(blob(4) + blob(99), "") << "NULL and no such column: an empty copy";
     EXPECT_EQ(blob(5), std::string("a\0b\xff", 4));

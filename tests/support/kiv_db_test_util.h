@@ -9,14 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <boost/weak_ptr.hpp>
-#include <chrono>
-#include <climits>
 #include <cstring>
 #include <fstream>
 #include <future>
-#include <iterator>
 #include <map>
 #include <random>
 #include <sstream>
@@ -29,7 +25,10 @@
 
 namespace kiv_test {
 
-inline const std::string objects_left = "left objects in database reference count: ";
+// The service's console lines: an object leaving (n left), the join request, the stop.
+inline std::string objects_left(int n) { return "left objects in database reference count: " + std::to_string(n) + "\n"; }
+inline const std::string shutdown_request = "DATABASE SERVICE SHOT DONW REQUEST\n";
+inline const std::string service_stopped = "DATABASE THREAD SERVICE STOPPED\nDATABASE SERVICE DONE\n";
 
 // Runs everything queued on the database worker so far; false when it did not get there in time.
 inline bool drain_database_worker(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
@@ -52,8 +51,6 @@ public:
         if (mkdtemp(path_.data()) == nullptr) path_.clear();
     }
     ~temp_dir() { std::system(("chmod -R u+w '" + path_ + "' && rm -rf '" + path_ + "'").c_str()); }
-    temp_dir(const temp_dir&) = delete;
-    temp_dir& operator=(const temp_dir&) = delete;
     std::string file(const std::string& name) const { return path_ + "/" + name; }
     const std::string& path() const { return path_; }
 
@@ -83,19 +80,16 @@ inline std::string query(const kiv_sqlite_handle& c, const std::string& sql) {
     return text;
 }
 
-// Runs `body` in a forked child: its exit status, 1000 + its signal, or -1 when it hung.
-inline int run_in_child(const std::function<int()>& body, int seconds = 30) {
+// Runs `body` in a forked child: its exit status, or 1000 + its signal (SIGALRM when it hung).
+inline int run_in_child(const std::function<int()>& body, unsigned seconds = 30) {
     std::cout.flush();
     const pid_t child = fork();
-    if (child == 0) _exit(body());
-    int status = 0;
-    pid_t ended = 0;
-    for (int waited = 0; (ended = waitpid(child, &status, WNOHANG)) == 0 && waited < seconds * 100; ++waited) poll(nullptr, 0, 10);
-    if (ended == 0) {
-        kill(child, SIGKILL);
-        waitpid(child, &status, 0);
-        return -1;
+    if (child == 0) {
+        alarm(seconds);
+        _exit(body());
     }
+    int status = 0;
+    waitpid(child, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }
 

@@ -32,18 +32,9 @@ class cout_capture : private std::streambuf {
 public:
     cout_capture() : old_(std::cout.rdbuf(this)) {}
     ~cout_capture() override { std::cout.rdbuf(old_); }
-    std::string str() const {
-        std::lock_guard<std::mutex> guard(lock_);
-        return text_;
-    }
-    std::string take() {  // what was captured so far, starting afresh
-        std::lock_guard<std::mutex> guard(lock_);
-        return std::exchange(text_, std::string());
-    }
-    int flushes() const {
-        std::lock_guard<std::mutex> guard(lock_);
-        return flushes_;
-    }
+    std::string str() const { return locked([this] { return text_; }); }
+    std::string take() { return locked([this] { return std::exchange(text_, std::string()); }); }  // starting afresh
+    int flushes() const { return locked([this] { return flushes_; }); }
 
 private:
     int_type overflow(int_type ch) override {
@@ -52,14 +43,17 @@ private:
         return traits_type::not_eof(ch);
     }
     std::streamsize xsputn(const char* s, std::streamsize n) override {
-        std::lock_guard<std::mutex> guard(lock_);
-        text_.append(s, static_cast<std::size_t>(n));
+        locked([&] { text_.append(s, static_cast<std::size_t>(n)); });
         return n;
     }
     int sync() override {
-        std::lock_guard<std::mutex> guard(lock_);
-        ++flushes_;
+        locked([this] { ++flushes_; });
         return 0;
+    }
+    template <class F>
+    auto locked(F f) const -> decltype(f()) {
+        std::lock_guard<std::mutex> guard(lock_);
+        return f();
     }
     mutable std::mutex lock_;
     std::string text_;
