@@ -1,15 +1,8 @@
 // The library in a host: lookups from several threads, guards that destroy from inside jobs.
 
-#include <gtest/gtest.h>
-
 #include <atomic>
-#include <future>
-#include <iostream>
-#include <thread>
 
-#include "framework/kiv_thread_service.h"
-#include "kiv_database/database_service.h"
-#include "kiv_database/kiv_sqlite.h"
+#include "kiv_db_test_util.h"
 
 namespace {
 

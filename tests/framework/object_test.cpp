@@ -28,17 +28,10 @@ TEST(FrameworkObject, RefHoldsOneHandleUnrefGivesItBackAndALooseObjectHasNoShare
     EXPECT_THROW(loose.shared_object(), boost::bad_weak_ptr);
 }
 
-TEST(FrameworkAssertion, HandlerSeesEveryCallWithoutItOnlyAFailureWritesOneLine) {
+// With a handler installed (the library's tests record every call through one) nothing is written;
+// without one, only a failing check writes its line.
+TEST(FrameworkAssertion, WithoutHandlerOnlyAFailureWritesOneLine) {
     kiv_test::cout_capture out;
-    for (const bool cond : {true, false}) {
-        kiv_test::assertion_recorder recorder;
-        kiv_assertion_faild(cond, "db!=nullptr", "no database", "a.cpp", 10);
-        const auto calls = recorder.take();
-        ASSERT_EQ(calls.size(), 1u);
-        EXPECT_TRUE(calls[0].cond == cond && calls[0].cond_text == "db!=nullptr" && calls[0].message == "no database" &&
-                    calls[0].file == "a.cpp" && calls[0].line == 10);
-    }
-    EXPECT_EQ(out.str(), "");  // the handler replaces the default output
     for (const bool cond : {true, false}) kiv_assertion_faild(cond, "db!=nullptr", "no database", "a.cpp", 10);
     EXPECT_EQ(out.str(), kiv_test::error_banner + "assertion failed: db!=nullptr - no database at a.cpp:10\n");
     EXPECT_EQ(out.flushes(), 1);
