@@ -34,7 +34,7 @@ TEST(HostileFiles, RefusedWithSQLiteCodesAndLeftAsTheyWere) {
     };
     const std::vector<std::tuple<std::string, std::string, std::string>> files = {  // path, bytes written first, codes
         {dir.file("missing/x.db"), "", "14"}, {dir.file(std::string(300, 'n')), "", "14"}, {std::string(5000, '/'), "", "14"},
-{dir.file("text.db"), std::string(8192, 'w'), "0 26"}, {dir.file("header.db"), damaged(image.size(), 3, 1), "0 26"},
+        {dir.file("text.db"), std::string(8192, 'w'), "0 26"}, {dir.file("header.db"), damaged(image.size(), 3, 1), "0 26"},
         {dir.file("truncated.db"), image.substr(0, 3 * 4096 + 100), "0 11"}, {dir.file("flipped.db"), damaged(image.size(), 4096, 0x40), "0 11"},
         {dir.file("d\xC3\xA4t\xC3\xA4 \xE2\x9C\x93.db"), image, "0 60000"}};
     const sqlite3_int64 baseline = sqlite3_memory_used();
