@@ -50,19 +50,22 @@ bool null_handle(const kiv_thread_service_handle& service, const char* function)
     return !service;
 }
 
-// Runs `work`; whatever escapes it becomes one error line naming what it was and where it came
-// from (`line` < 0: no line).
-template <typename Work>
-void guarded(Work&& work, const char* what, const std::string& where, int line = -1) {
-    std::string reason = "unknown exception";
-    try {
-        return work();
-    } catch (const std::exception& e) {
-        reason = e.what();
-    } catch (...) {
-    }
+void report(const char* what, const std::string& where, int line, const char* reason) {
     const std::string at = line < 0 ? where : where + ":" + std::to_string(line);
     write_line(kiv_framework_detail::error_banner + ("exception in " + (what + at)) + ": " + reason + "\n");
+}
+
+// Runs `work`; whatever escapes it becomes one error line naming what it was and where it came
+// from (`line` < 0: no line). Nothing is built on the way in: this wraps every job.
+template <typename Work>
+void guarded(Work&& work, const char* what, const std::string& where, int line = -1) {
+    try {
+        work();
+    } catch (const std::exception& e) {
+        report(what, where, line, e.what());
+    } catch (...) {
+        report(what, where, line, "unknown exception");
+    }
 }
 
 // Delays far beyond any real use are cut so that deadlines cannot overflow the clock.
@@ -77,9 +80,23 @@ parcel wrap(T value) {
     return std::make_shared<T>(std::move(value));
 }
 
+// Jobs' file names, each kept once for the life of the process: callers pass the same few names
+// again and again, and a copy per job would be allocated by the caller's thread and freed by the
+// worker's. Each thread remembers the last name it passed, so that a repeated one takes no lock.
+const std::string* intern(const std::string& file) {
+    thread_local const std::string* last = nullptr;
+    if (last == nullptr || *last != file) {
+        static std::mutex names_lock;
+        static std::set<std::string>* const names = std::make_unique<std::set<std::string>>().release();
+        std::lock_guard<std::mutex> guard(names_lock);
+        last = &*names->insert(file).first;
+    }
+    return last;
+}
+
 struct job_entry {
     std::function<void()> job;
-    const std::string* file;  // in the service's `files`
+    const std::string* file;  // interned
     int line;
 };
 
@@ -150,9 +167,6 @@ public:
     state current = state::running;
     bool sleeping = false;  // the worker waits on `wake` and needs a notify
     std::vector<job_entry> jobs;
-    // Jobs' file names, each kept once for the service's life: callers pass the same few again
-    // and again, and a copy per job would be allocated by the caller and freed by the worker.
-    std::set<std::string> files;
     schedule_map schedule;
     std::map<unsigned long, timer_key> armed;
     std::set<unsigned long> running_intervals;  // intervals whose callback runs right now
@@ -370,12 +384,13 @@ void kiv_thread_service_stop(kiv_thread_service_handle service, kiv_thread_servi
 void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<void()> job, std::string file,
                              int line) {
     if (null_handle(service, __func__)) return;
+    const std::string* const name = intern(file);  // before the lock: the lock is contended
     std::unique_lock<std::mutex> lk(service->lock);
     if (service->current != state::running) {
         lk.unlock();
         return service->refuse("job handed to a stopped thread service: ", wrap(std::move(job)));
     }
-    service->jobs.push_back(job_entry{std::move(job), &*service->files.insert(file).first, line});
+    service->jobs.push_back(job_entry{std::move(job), name, line});
     const bool wake = std::exchange(service->sleeping, false);
     lk.unlock();
     if (wake) service->wake.notify_all();  // after the unlock, so that the worker does not wake into it
