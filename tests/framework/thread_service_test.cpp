@@ -136,6 +136,7 @@ TEST(ThreadService, RunOnceAndConsoleLinesForThrowingWorkAndEmptyHandles) {
     kiv_test::cout_capture out;
     auto s = kiv_thread_service_new("run-once");
     strings events;  // the worker's until the wait
+    kiv_thread_service_exec(s, [] {}, "t", 0);  // this thread's last file name, then another
     kiv_thread_service_exec(s, [] { throw std::runtime_error("boom"); }, "src/a.cpp", 42);
     kiv_thread_service_set_interval(s, [&, n = 0]() mutable -> bool {
         if (++n == 1) throw std::logic_error("tick");  // and it keeps ticking
