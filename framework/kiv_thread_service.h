@@ -59,7 +59,8 @@ KIV_FRAMEWORK_API void kiv_thread_service_stop(kiv_thread_service_handle service
                                                kiv_thread_service_stop_callback callback);
 
 // Runs `job` once on the worker, in FIFO order. `file` and `line` name the caller for the error
-// line written when the job throws.
+// line written when the job throws; each distinct `file` is kept once for the life of the
+// process, so pass a source file name, not text that changes from call to call.
 KIV_FRAMEWORK_API void kiv_thread_service_exec(kiv_thread_service_handle service,
                                                std::function<void()> job, std::string file,
                                                int line);
