@@ -48,7 +48,7 @@ TEST(HostileFiles, RefusedWithSQLiteCodesAndLeftAsTheyWere) {
     EXPECT_NE(access(dir.file("missing").c_str(), F_OK), 0);
     // A file without write permission refuses writes and still reads. Root ignores permissions,
     // so the child gives its privileges up first.
-    ASSERT_EQ(chmod(healthy.c_str(), 0444) + chmod(dir.path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(healthy.c_str(), 0444) + chmod(dir.path.c_str(), 0755), 0);
     EXPECT_EQ(kiv_test::run_in_child([&] {
                   const kiv_sqlite_handle c = kiv_sqlite_new(healthy, "read_only");
                   if ((geteuid() == 0 && (setgid(65534) || setuid(65534))) || kiv_sqlite_open(c)) return 2;

@@ -50,6 +50,11 @@ TEST(Stress, WritersLookupsAndAJoinMidway) {
     kiv_test::temp_dir dir;
     kiv_test::cout_capture out;
     const kiv_sqlite_handle anchor = kiv_sqlite_new(":memory:", "anchor");  // holds the stop back
+    for (const char* file : {"0", "1"}) {  // WAL first: two connections switching a new file to it may get SQLITE_BUSY, busy timeout or not
+        const kiv_sqlite_handle c = kiv_sqlite_new(dir.file(file), std::string("setup ") + file);
+        EXPECT_EQ(kiv_sqlite_open(c) || kiv_sqlite_sql_stmt(c, "PRAGMA journal_mode=wal", nullptr), 0);
+        kiv_sqlite_destroy(c, __FILE__, __LINE__);
+    }
     std::atomic<int> created{0};
     std::vector<std::thread> threads;
     for (int w = 0; w < writers; ++w)

@@ -44,17 +44,11 @@ inline bool join_database_service(int code = 0, long timeout_ms = 10000) {
 }
 
 // A fresh directory under TMPDIR, removed with its files at scope end.
-class temp_dir {
-public:
-    temp_dir() : path_(std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/kiv_test_XXXXXX") {
-        if (mkdtemp(path_.data()) == nullptr) path_.clear();
-    }
-    ~temp_dir() { std::system(("chmod -R u+w '" + path_ + "' && rm -rf '" + path_ + "'").c_str()); }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
+struct temp_dir {
+    std::string path = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/kiv_test_XXXXXX";
+    temp_dir() { if (mkdtemp(path.data()) == nullptr) path.clear(); }
+    ~temp_dir() { std::system(("chmod -R u+w '" + path + "' && rm -rf '" + path + "'").c_str()); }
+    std::string file(const std::string& name) const { return path + "/" + name; }
 };
 
 inline std::string read_file(const std::string& path) {
@@ -66,8 +60,7 @@ inline std::string read_file(const std::string& path) {
 inline std::vector<std::string> library_source() {
     std::ifstream in(KIV_SOURCE_DIR "/kiv_database/kiv_sqlite.cpp");
     std::vector<std::string> lines(1);
-    while (std::getline(in, lines.emplace_back())) {
-    }
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
     return lines;
 }
 
