@@ -80,20 +80,6 @@ parcel wrap(T value) {
     return std::make_shared<T>(std::move(value));
 }
 
-// Jobs' file names, each kept once for the life of the process: callers pass the same few names
-// again and again, and a copy per job would be allocated by the caller's thread and freed by the
-// worker's. Each thread remembers the last name it passed, so that a repeated one takes no lock.
-const std::string* intern(const std::string& file) {
-    thread_local const std::string* last = nullptr;
-    if (last == nullptr || *last != file) {
-        static std::mutex names_lock;
-        static std::set<std::string>* const names = std::make_unique<std::set<std::string>>().release();
-        std::lock_guard<std::mutex> guard(names_lock);
-        last = &*names->insert(file).first;
-    }
-    return last;
-}
-
 struct job_entry {
     std::function<void()> job;
     const std::string* file;  // interned
@@ -186,6 +172,7 @@ thread_local const _kiv_thread_service* current_worker = nullptr;
 struct service_table {
     std::mutex lock;
     std::vector<boost::weak_ptr<_kiv_thread_service>> services;
+    std::set<std::string> file_names;  // of jobs, never erased
 };
 
 void teardown_at_exit();
@@ -205,6 +192,19 @@ service_table& table() {
         return created;
     }();
     return *t;
+}
+
+// Jobs' file names, each kept once for the life of the process: callers pass the same few names
+// again and again, and a copy per job would be allocated by the caller's thread and freed by the
+// worker's. Each thread remembers the last name it passed, so that a repeated one takes no lock.
+// The table's lock is the one a fork leaves usable in the child.
+const std::string* intern(const std::string& file) {
+    thread_local const std::string* last = nullptr;
+    if (last == nullptr || *last != file) {
+        std::lock_guard<std::mutex> guard(table().lock);
+        last = &*table().file_names.insert(file).first;
+    }
+    return last;
 }
 
 std::vector<kiv_thread_service_handle> live_services() {
