@@ -115,7 +115,7 @@ class _kiv_thread_service {
 public:
     explicit _kiv_thread_service(std::string service_name) : name(std::move(service_name)) {}
     ~_kiv_thread_service();
-    void loop(kiv_thread_service_handle self);
+    void loop(const kiv_thread_service_handle& self);
     void finish(const kiv_thread_service_handle& self);
     bool run_timer(std::unique_lock<std::mutex>& lk, const timer_key& limit);
     // `lock` held.
@@ -132,7 +132,10 @@ public:
         released.push_back(std::move(dropped));
         wake_locked();
     }
-    void refuse(const char* text, parcel work) { warn(text, name), release_later(std::move(work)); }
+    void refuse(const char* text, parcel work) {
+        warn(text, name);
+        release_later(std::move(work));
+    }
     // `lock` held: a sleeping worker needs one notify, a busy one none.
     void wake_locked() {
         if (sleeping) wake.notify_all();  // callers of wait share the condition variable
@@ -266,7 +269,7 @@ bool _kiv_thread_service::run_timer(std::unique_lock<std::mutex>& lk, const time
     return true;
 }
 
-void _kiv_thread_service::loop(kiv_thread_service_handle self) {
+void _kiv_thread_service::loop(const kiv_thread_service_handle& self) {
     current_worker = this;
     pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
     // Timed waits end at the deadline, not up to the default 50 us of timer slack after it.
@@ -291,7 +294,6 @@ void _kiv_thread_service::loop(kiv_thread_service_handle self) {
         sleeping = false;
     }
     finish(self);
-    self.reset();  // may be the last handle: the destructor then detaches this thread
 }
 
 void _kiv_thread_service::finish(const kiv_thread_service_handle& self) {
@@ -334,7 +336,8 @@ kiv_thread_service_handle kiv_thread_service_new(std::string name) {
         services.push_back(service);
     }
     try {
-        service->thread = std::thread([s = service]() mutable { s->loop(std::move(s)); });
+        // The thread's own handle goes when loop returns; if it is the last, the destructor detaches it.
+        service->thread = std::thread([s = service] { s->loop(s); });
     } catch (const std::system_error& e) {
         write_line(kiv_framework_detail::error_banner +
                    ("cannot start thread service " + kiv_framework_detail::coloured(service->name)) +
@@ -436,7 +439,10 @@ unsigned long kiv_thread_service_set_timeout(kiv_thread_service_handle service,
                                              std::string file, int line) {
     if (null_handle(service, __func__)) return 0;
     // An empty job throws when run, as an empty job of exec does.
-    auto once = [job = std::move(job)] { return job(), false; };
+    auto once = [job = std::move(job)] {
+        job();
+        return false;
+    };
     return add_timer(service, std::move(once), false, delay_ms, std::move(file), line);
 }
 

@@ -44,11 +44,11 @@ struct service_drain {
 
 void service_line(const char* text) { std::cout << text << std::endl; }
 
-void on_service_stopped(boost::shared_ptr<_kiv_thread_service>) {
+void on_service_stopped(const boost::shared_ptr<_kiv_thread_service>&) {
     service_line("DATABASE THREAD SERVICE STOPPED");
 }
 
-void on_service_finished(boost::shared_ptr<_kiv_thread_service>, int) {
+void on_service_finished(const boost::shared_ptr<_kiv_thread_service>&, int) {
     service_line("DATABASE SERVICE DONE");
     boost::shared_ptr<_kiv_thread_service> released;  // dropped after the lock
     std::lock_guard<std::mutex> guard(database_mutex);
@@ -57,7 +57,7 @@ void on_service_finished(boost::shared_ptr<_kiv_thread_service>, int) {
 
 // A join stops the service at once when no connection object is alive; otherwise the removal
 // that empties the live-object list stops it (kiv_database_unref).
-bool on_join_requested(boost::shared_ptr<_kiv_thread_service>, int) {
+bool on_join_requested(const boost::shared_ptr<_kiv_thread_service>&, int) {
     service_line("DATABASE SERVICE SHOT DONW REQUEST");
     std::lock_guard<std::mutex> guard(database_mutex);
     shutdown_requested = true;
@@ -169,7 +169,7 @@ void kiv_database_ref(boost::shared_ptr<_kiv_object> object) {
     if (find_object(object.get()) == database_objects.end()) database_objects.push_back(std::move(object));
 }
 
-void kiv_database_unref(boost::shared_ptr<_kiv_object> object) {
+void kiv_database_unref(const boost::shared_ptr<_kiv_object>& object) {
     // The caller's handle keeps the object alive, so no destructor runs under the lock.
     std::lock_guard<std::mutex> guard(database_mutex);
     const auto entry = find_object(object.get());
@@ -182,13 +182,13 @@ void kiv_database_unref(boost::shared_ptr<_kiv_object> object) {
 
 // --- Named-connection registry ---
 
-void kiv_database_register_sqlite(boost::shared_ptr<_kiv_sqlite> connection) {
+void kiv_database_register_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection) {
     std::string name = connection->get_name();
     std::lock_guard<std::mutex> guard(registry_mutex);
     sqlite_registry.try_emplace(std::move(name), std::move(connection));  // the first one stays
 }
 
-void kiv_database_unregister_sqlite(boost::shared_ptr<_kiv_sqlite> connection) {
+void kiv_database_unregister_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection) {
     const std::string name = connection->get_name();
     boost::shared_ptr<_kiv_sqlite> removed;  // released after the lock
     std::lock_guard<std::mutex> guard(registry_mutex);
