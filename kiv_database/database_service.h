@@ -1,25 +1,39 @@
 #pragma once
 
-// The process-wide "database" thread service, the live-object list and the registry of open
-// connections by name.
-//
-// kiv_database_init creates the service once (again after it has finished, with any earlier
-// join request still standing: the new service stops whenever the live-object list empties).
-// The scheduling functions forward to the framework's thread service with the current service
-// handle, an empty one before init and after the service has finished (the thread service
-// then warns).
-// Shutdown: when the framework joins the service, it stops at once if no connection object is
-// alive, otherwise when the last one has been destroyed.
-// Threads: every function here may be called from any thread, also from inside a job or timer.
-// Ownership of jobs and callbacks: the thread service and the library share the function handed
-// in. Whether it runs, is cleared or is refused (before init, after the service finished), it
-// dies on the worker or on the calling thread after the library's lock is released, so what it
-// holds may call back into the library when it goes (a guard whose destructor calls
-// kiv_sqlite_destroy). It may therefore also die on the scheduling thread, after it has run.
-// Unloading: the library stays mapped after dlclose (linked with -z nodelete), so it may be
-// unloaded in any state: the service running, objects still open. Loading it again finds the
-// same state (a running service, a finished one that init starts anew). At exit a service
-// still running is stopped and waited for, then objects still alive are closed.
+/// \file
+/// The process-wide "database" thread service, on which database work runs on one worker thread.
+///
+/// The library keeps one service per process, created by kiv_database_init, with a list of the
+/// connection objects that are alive and a registry of the open connections by name.
+///
+/// **Shutdown.** When the framework joins the service, the library prints
+/// "DATABASE SERVICE SHOT DONW REQUEST" and stops the service at once if no connection object
+/// is alive, otherwise when the last one has been destroyed (each removal prints
+/// "left objects in database reference count: N"). Once stopped it prints
+/// "DATABASE THREAD SERVICE STOPPED" and, when the service has finished, "DATABASE SERVICE DONE".
+/// A join ends a session: kiv_database_init while a join is under way starts nothing, so wait for
+/// the service to finish first (kiv_thread_service_wait).
+///
+/// **Threads.** Every function here may be called from any thread, also from inside a job or a
+/// timer. SQLite must run in its multi-thread or serialized mode (jobs touch connections on the
+/// worker that other threads created).
+///
+/// **Jobs and what they hold.** The thread service and the library share the function handed in.
+/// Whether it runs, is cleared or is refused (before init, after the service finished), it dies
+/// on the worker or on the calling thread after the library's lock is released, so what it holds
+/// may call back into the library when it goes (a guard whose destructor calls
+/// kiv_sqlite_destroy). It may therefore also die on the scheduling thread, after it has run.
+///
+/// **Console.** The service's lines go to `std::cout`, which is the library's console: its stream
+/// buffer must not call back into the library nor throw.
+///
+/// **fork().** A child process starts with no service and no objects: handles to objects or to
+/// the service made before fork() are unusable in the child.
+///
+/// **Unloading.** The library stays mapped after dlclose (it is linked with `-z nodelete`), so it
+/// may be unloaded in any state: the service running, objects still open. Loading it again finds
+/// the same state. At exit a service still running is stopped and waited for, then objects still
+/// alive are closed.
 
 #include <boost/shared_ptr.hpp>
 
@@ -31,33 +45,98 @@
 
 class _kiv_sqlite;
 
+/// Creates the "database" thread service unless it exists.
+///
+/// Does nothing while a service exists, including one that is shutting down. After the service
+/// has finished it creates a new one, with the earlier join request still standing: the new
+/// service stops whenever the list of live objects empties. Installs the library's join and
+/// finish handlers on the service. Prints nothing and reports nothing.
+/// \par Threads
+/// Any thread.
 KIV_DATABASE_API void kiv_database_init();
 
-// Work on the database worker. `file`/`line` name the caller; delays are milliseconds.
+/// Runs `job` once on the database worker.
+///
+/// Forwards to the framework's kiv_thread_service_exec with the current service; before init and
+/// after the service has finished that service handle is empty, and the framework then refuses
+/// the job with its own warning.
+/// \param job  the work; shared with the thread service (see the file's notes on what it holds).
+///             An exception it throws is the framework's to report.
+/// \param file, line  the caller's source position, which the framework uses in its messages.
+/// \par Threads
+/// Any thread, also from a job or a timer.
 KIV_DATABASE_API void kiv_database_exec(std::function<void()> job, std::string file, int line);
+
+/// Runs `job` once on the database worker after `delay`.
+///
+/// Forwards to the framework's kiv_thread_service_set_timeout with the current service (empty
+/// before init and after the service has finished: the framework's warning, and its result).
+/// The unit of `delay` is the framework's (the stand-in: milliseconds).
+/// \return the framework's timer id, unchanged, for kiv_database_clear_timeout.
+/// \par Threads
+/// Any thread, also from a job or a timer.
 KIV_DATABASE_API unsigned long kiv_database_set_timeout(std::function<void()> job, unsigned long delay,
                                                         std::string file, int line);
+
+/// Runs `callback` on the database worker once per `interval`.
+///
+/// Forwards to the framework's kiv_thread_service_set_interval with the current service (empty
+/// before init and after the service has finished: the framework's warning, and its result).
+/// What the callback's result means, and the unit of `interval`, are the framework's (the
+/// stand-in: false ends the interval; milliseconds).
+/// \return the framework's timer id, unchanged, for kiv_database_clear_interval.
+/// \par Threads
+/// Any thread, also from a job or a timer.
 KIV_DATABASE_API unsigned long kiv_database_set_interval(std::function<bool()> callback,
                                                          unsigned long interval, std::string file,
                                                          int line);
+
+/// Cancels the timeout `timer_id` of the current service.
+///
+/// Forwards to the framework's kiv_thread_service_clear_timeout; what it reports is dropped. When
+/// the cleared job is released is the framework's matter.
+/// \par Threads
+/// Any thread, also from a job or a timer.
 KIV_DATABASE_API void kiv_database_clear_timeout(unsigned long timer_id);
+
+/// Cancels the interval `timer_id` of the current service.
+///
+/// Forwards to the framework's kiv_thread_service_clear_interval; what it reports is dropped.
+/// When the cleared callback is released is the framework's matter.
+/// \par Threads
+/// Any thread, also from a job or a timer.
 KIV_DATABASE_API void kiv_database_clear_interval(unsigned long timer_id);
-// Runs the due work on the calling thread; the thread service's count, unchanged.
+
+/// Runs the service's due work on the calling thread.
+///
+/// Forwards to the framework's kiv_thread_service_run_once, without holding the library's lock,
+/// so the work it runs may call the library.
+/// \return the framework's result, unchanged.
+/// \par Threads
+/// Any thread.
 KIV_DATABASE_API int kiv_database_run_once();
 
-// The open connection registered under `name`, its statement finalized; empty if none, and
-// empty for one already handed to kiv_sqlite_destroy (its job on the worker still closes it).
-// Safe from any thread, also racing other lookups of the same name or the connection's destroy
-// job: the statement is released once. The statement is not the caller's to keep: do not look
-// up a connection whose owner is still using it on another thread.
+/// The open connection registered under `name`, with its statement finalized.
+///
+/// An object is registered when it opens under a name that no open object holds, and leaves the
+/// registry when it closes. The lookup finalizes the found connection's statement (so it is not
+/// the caller's to keep: do not look up a connection whose owner is still using it on another
+/// thread).
+/// \return a new handle to the object; empty if no open connection has that name, and empty for
+/// one already handed to kiv_sqlite_destroy (its destroy job still closes it).
+/// \par Threads
+/// Any thread, also racing other lookups of the same name or the object's destroy job: the
+/// statement is released once.
 KIV_DATABASE_API boost::shared_ptr<_kiv_sqlite> kiv_database_get_sqlite(std::string name);
 
+/// \cond INTERNAL
 // --- Internal to the library ---
 // Live-object list: enter once; remove, print the count left, stop when shutdown is pending.
 KIV_DATABASE_LOCAL void kiv_database_ref(boost::shared_ptr<_kiv_object> object);
-KIV_DATABASE_LOCAL void kiv_database_unref(boost::shared_ptr<_kiv_object> object);
+KIV_DATABASE_LOCAL void kiv_database_unref(const boost::shared_ptr<_kiv_object>& object);
 // Registry: enter under the name if it is free; remove whatever is under the name.
-KIV_DATABASE_LOCAL void kiv_database_register_sqlite(boost::shared_ptr<_kiv_sqlite> connection);
-KIV_DATABASE_LOCAL void kiv_database_unregister_sqlite(boost::shared_ptr<_kiv_sqlite> connection);
+KIV_DATABASE_LOCAL void kiv_database_register_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection);
+KIV_DATABASE_LOCAL void kiv_database_unregister_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection);
 // Finalizes the connection's statement under the registry's lock (lookups and the destroy job).
 KIV_DATABASE_LOCAL void kiv_database_release_statement(_kiv_sqlite& connection);
+/// \endcond
