@@ -16,8 +16,7 @@ std::shared_ptr<const kiv_assertion_handler> installed_handler;
 
 }  // namespace
 
-void kiv_assertion_faild(bool cond, std::string cond_text, std::string message, std::string file,
-                         int line) {
+void kiv_assertion_faild(bool cond, std::string cond_text, std::string message, std::string file, int line) {
     if (handler_installed.load(std::memory_order_acquire)) {
         std::shared_ptr<const kiv_assertion_handler> handler;
         {
@@ -30,8 +29,8 @@ void kiv_assertion_faild(bool cond, std::string cond_text, std::string message, 
         }
     }
     if (cond) return;
-    std::cout << kiv_framework_detail::error_banner << "assertion failed: " << cond_text << " - "
-              << message << " at " << file << ":" << line << std::endl;
+    std::cout << kiv_framework_detail::error_banner << "assertion failed: " << cond_text << " - " << message << " at "
+              << file << ":" << line << std::endl;
 }
 
 void kiv_assertion_set_handler(kiv_assertion_handler handler) {

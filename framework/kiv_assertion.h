@@ -11,12 +11,11 @@
 
 #include "framework/kiv_framework_export.h"
 
-KIV_FRAMEWORK_API void kiv_assertion_faild(bool cond, std::string cond_text, std::string message,
-                                           std::string file, int line);
+KIV_FRAMEWORK_API void kiv_assertion_faild(bool cond, std::string cond_text, std::string message, std::string file,
+                                           int line);
 
 // Host and test hook: receives every call, holding or not, instead of the default output.
-using kiv_assertion_handler = std::function<void(bool cond, const std::string& cond_text,
-                                                 const std::string& message,
+using kiv_assertion_handler = std::function<void(bool cond, const std::string& cond_text, const std::string& message,
                                                  const std::string& file, int line)>;
 
 // Installs `handler` (an empty function removes it). Not to be called while another thread

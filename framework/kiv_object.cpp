@@ -46,8 +46,7 @@ std::string _kiv_object::type_tag() { return "[kiv_object]"; }
 void _kiv_object::destroy(std::string, int) { properties["object-destroyed"] = true; }
 
 void _kiv_object::describe() {
-    std::cout << "\x1b[0;35m" << type_tag() << "\x1b[0;0m object at "
-              << static_cast<const void*>(this) << std::endl;
+    std::cout << "\x1b[0;35m" << type_tag() << "\x1b[0;0m object at " << static_cast<const void*>(this) << std::endl;
 }
 
 bool _kiv_object::is_reffed() {
@@ -70,8 +69,7 @@ void kiv_object_unref_real(boost::shared_ptr<_kiv_object> object) {
     dropped = references().held.extract(object.get());
 }
 
-bool kiv_property_get(std::map<std::string, boost::any>& properties, std::string key,
-                      boost::any& value) {
+bool kiv_property_get(std::map<std::string, boost::any>& properties, std::string key, boost::any& value) {
     auto it = properties.find(key);
     if (it == properties.end()) return false;
     value = it->second;

@@ -50,8 +50,8 @@ KIV_FRAMEWORK_API void kiv_object_ref(boost::shared_ptr<_kiv_object> object);
 KIV_FRAMEWORK_API void kiv_object_unref_real(boost::shared_ptr<_kiv_object> object);
 // If `properties` holds `key`, copies its value into `value` and returns true; else false
 // and `value` is untouched.
-KIV_FRAMEWORK_API bool kiv_property_get(std::map<std::string, boost::any>& properties,
-                                        std::string key, boost::any& value);
+KIV_FRAMEWORK_API bool kiv_property_get(std::map<std::string, boost::any>& properties, std::string key,
+                                        boost::any& value);
 
 // Host and test helper (never used by libraries): number of objects the framework holds.
 KIV_FRAMEWORK_API std::size_t kiv_object_reffed_count();

@@ -41,8 +41,7 @@ void write_line(const std::string& line) {
 }
 
 void warn(const char* text, const std::string& name) {
-    write_line(kiv_framework_detail::warning_banner + (text + kiv_framework_detail::coloured(name)) +
-               "\n");
+    write_line(kiv_framework_detail::warning_banner + (text + kiv_framework_detail::coloured(name)) + "\n");
 }
 
 bool null_handle(const kiv_thread_service_handle& service, const char* function) {
@@ -188,10 +187,11 @@ service_table& table() {
         std::atexit(teardown_at_exit);
         // A forked child has none of the parent's workers: it forgets their services, so that
         // its exit does not wait for them. The lock is held across the fork.
-        pthread_atfork([] { table().lock.lock(); }, [] { table().lock.unlock(); }, [] {
-            table().services.clear();
-            table().lock.unlock();
-        });
+        pthread_atfork([] { table().lock.lock(); }, [] { table().lock.unlock(); },
+                       [] {
+                           table().services.clear();
+                           table().lock.unlock();
+                       });
         return created;
     }();
     return *t;
@@ -223,7 +223,8 @@ std::vector<kiv_thread_service_handle> live_services() {
 // join its worker, so that no job, handler or thread runs on while the process tears down.
 void teardown_at_exit() {
     const std::vector<kiv_thread_service_handle> live = live_services();
-    for (const auto& s : live) if (current_worker != s.get()) kiv_thread_service_stop(s, nullptr);
+    for (const auto& s : live)
+        if (current_worker != s.get()) kiv_thread_service_stop(s, nullptr);
     for (const auto& s : live) {  // not exit() called from one of its own jobs
         if (current_worker != s.get() && kiv_thread_service_wait(s) && s->thread.joinable()) s->thread.join();
     }
@@ -231,6 +232,7 @@ void teardown_at_exit() {
 
 }  // namespace
 
+// NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks): a forked child leaks the thread on purpose
 _kiv_thread_service::~_kiv_thread_service() {
     if (!thread.joinable()) return;
     if (getpid() != owner_pid) {
@@ -243,6 +245,7 @@ _kiv_thread_service::~_kiv_thread_service() {
         thread.join();
     }
 }
+// NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 
 // Runs the earliest timer if its key is not after `limit`; `lk` is held on entry and on return.
 bool _kiv_thread_service::run_timer(std::unique_lock<std::mutex>& lk, const timer_key& limit) {
@@ -340,8 +343,8 @@ kiv_thread_service_handle kiv_thread_service_new(std::string name) {
         service->thread = std::thread([s = service] { s->loop(s); });
     } catch (const std::system_error& e) {
         write_line(kiv_framework_detail::error_banner +
-                   ("cannot start thread service " + kiv_framework_detail::coloured(service->name)) +
-                   ": " + e.what() + "\n");
+                   ("cannot start thread service " + kiv_framework_detail::coloured(service->name)) + ": " + e.what() +
+                   "\n");
         return kiv_thread_service_handle();
     }
     return service;
@@ -384,8 +387,7 @@ void kiv_thread_service_stop(kiv_thread_service_handle service, kiv_thread_servi
     if (callback) guarded([&] { callback(service); }, "stop callback of ", service->name);
 }
 
-void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<void()> job, std::string file,
-                             int line) {
+void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<void()> job, std::string file, int line) {
     if (null_handle(service, __func__)) return;
     const std::string* const name = intern(file);  // before the lock: the lock is contended
     std::unique_lock<std::mutex> lk(service->lock);
@@ -401,8 +403,8 @@ void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<vo
 
 namespace {
 
-unsigned long add_timer(const kiv_thread_service_handle& service, std::function<bool()> callback,
-                        bool repeat, unsigned long ms, std::string file, int line) {
+unsigned long add_timer(const kiv_thread_service_handle& service, std::function<bool()> callback, bool repeat,
+                        unsigned long ms, std::string file, int line) {
     {
         std::lock_guard<std::mutex> guard(service->lock);
         if (service->current == state::running) {
@@ -413,8 +415,9 @@ unsigned long add_timer(const kiv_thread_service_handle& service, std::function<
             return id;
         }
     }
-    service->refuse(repeat ? "interval handed to a stopped thread service: "
-                           : "timeout handed to a stopped thread service: ", wrap(std::move(callback)));
+    service->refuse(
+        repeat ? "interval handed to a stopped thread service: " : "timeout handed to a stopped thread service: ",
+        wrap(std::move(callback)));
     return 0;
 }
 
@@ -434,9 +437,8 @@ bool clear_timer(const kiv_thread_service_handle& service, unsigned long id) {
 
 }  // namespace
 
-unsigned long kiv_thread_service_set_timeout(kiv_thread_service_handle service,
-                                             std::function<void()> job, unsigned long delay_ms,
-                                             std::string file, int line) {
+unsigned long kiv_thread_service_set_timeout(kiv_thread_service_handle service, std::function<void()> job,
+                                             unsigned long delay_ms, std::string file, int line) {
     if (null_handle(service, __func__)) return 0;
     // An empty job throws when run, as an empty job of exec does.
     auto once = [job = std::move(job)] {
@@ -446,10 +448,8 @@ unsigned long kiv_thread_service_set_timeout(kiv_thread_service_handle service,
     return add_timer(service, std::move(once), false, delay_ms, std::move(file), line);
 }
 
-unsigned long kiv_thread_service_set_interval(kiv_thread_service_handle service,
-                                              std::function<bool()> callback,
-                                              unsigned long interval_ms, std::string file,
-                                              int line) {
+unsigned long kiv_thread_service_set_interval(kiv_thread_service_handle service, std::function<bool()> callback,
+                                              unsigned long interval_ms, std::string file, int line) {
     if (null_handle(service, __func__)) return 0;
     return add_timer(service, std::move(callback), true, interval_ms, std::move(file), line);
 }

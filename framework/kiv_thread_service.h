@@ -61,27 +61,22 @@ KIV_FRAMEWORK_API void kiv_thread_service_stop(kiv_thread_service_handle service
 // Runs `job` once on the worker, in FIFO order. `file` and `line` name the caller for the error
 // line written when the job throws; each distinct `file` is kept once for the life of the
 // process, so pass a source file name, not text that changes from call to call.
-KIV_FRAMEWORK_API void kiv_thread_service_exec(kiv_thread_service_handle service,
-                                               std::function<void()> job, std::string file,
-                                               int line);
+KIV_FRAMEWORK_API void kiv_thread_service_exec(kiv_thread_service_handle service, std::function<void()> job,
+                                               std::string file, int line);
 // Runs `job` once after `delay_ms` milliseconds (monotonic clock). Equal deadlines run in
 // arming order. Returns the timer id: unique in the process and never reused, never 0.
 KIV_FRAMEWORK_API unsigned long kiv_thread_service_set_timeout(kiv_thread_service_handle service,
-                                                               std::function<void()> job,
-                                                               unsigned long delay_ms,
+                                                               std::function<void()> job, unsigned long delay_ms,
                                                                std::string file, int line);
 // Runs `callback` every `interval_ms` milliseconds until it is cleared or returns false (a
 // throwing callback keeps its interval). Same ids as timeouts.
 KIV_FRAMEWORK_API unsigned long kiv_thread_service_set_interval(kiv_thread_service_handle service,
                                                                 std::function<bool()> callback,
-                                                                unsigned long interval_ms,
-                                                                std::string file, int line);
+                                                                unsigned long interval_ms, std::string file, int line);
 // Cancel a timer of this service; also from inside its own callback. Returns whether the id
 // was pending (a running interval counts, a running timeout does not).
-KIV_FRAMEWORK_API bool kiv_thread_service_clear_timeout(kiv_thread_service_handle service,
-                                                        unsigned long timer_id);
-KIV_FRAMEWORK_API bool kiv_thread_service_clear_interval(kiv_thread_service_handle service,
-                                                         unsigned long timer_id);
+KIV_FRAMEWORK_API bool kiv_thread_service_clear_timeout(kiv_thread_service_handle service, unsigned long timer_id);
+KIV_FRAMEWORK_API bool kiv_thread_service_clear_interval(kiv_thread_service_handle service, unsigned long timer_id);
 
 // Runs, on the calling thread, the jobs queued and timers due at this moment (not those they
 // add), never while the worker runs one. Returns how many ran.
@@ -95,8 +90,7 @@ KIV_FRAMEWORK_API int kiv_thread_service_run_once(kiv_thread_service_handle serv
 KIV_FRAMEWORK_API void kiv_thread_service_join(kiv_thread_service_handle service, int code);
 // Blocks until the service has finished and released its handlers. true when finished; false
 // on timeout (timeout_ms >= 0) or when called from the service's own worker.
-KIV_FRAMEWORK_API bool kiv_thread_service_wait(kiv_thread_service_handle service,
-                                               long timeout_ms = -1);
+KIV_FRAMEWORK_API bool kiv_thread_service_wait(kiv_thread_service_handle service, long timeout_ms = -1);
 // A live (not yet finished) service of that name, or an empty handle.
 KIV_FRAMEWORK_API kiv_thread_service_handle kiv_thread_service_find(std::string name);
 // Joins every live service with `code` and waits for each to finish. Call before exit.

@@ -22,7 +22,6 @@ struct insert_outcome {
     double seconds = 0.0;
 };
 
-
 // The whole insert, one transaction, meant to run on the database worker.
 insert_outcome insert_rows(const kiv_sqlite_handle& db) {
     insert_outcome out;
@@ -41,21 +40,18 @@ insert_outcome insert_rows(const kiv_sqlite_handle& db) {
     };
 
     const std::string count_sql = "SELECT count(*) FROM readings";
-    if (kiv_sqlite_prepare(db, count_sql) != SQLITE_OK || kiv_sqlite_step(db) != SQLITE_ROW)
-        return fail(count_sql);
+    if (kiv_sqlite_prepare(db, count_sql) != SQLITE_OK || kiv_sqlite_step(db) != SQLITE_ROW) return fail(count_sql);
     out.replaced = kiv_sqlite_column_int64(db, 0);
     kiv_sqlite_finalize(db);
     if (out.replaced > 0 && !exec_sql(db, "DELETE FROM readings", out.error)) return fail("DELETE FROM readings");
 
-    const std::string insert_sql =
-        "INSERT INTO readings(id, sensor, value, payload) VALUES (?1, ?2, ?3, ?4)";
+    const std::string insert_sql = "INSERT INTO readings(id, sensor, value, payload) VALUES (?1, ?2, ?3, ?4)";
     if (kiv_sqlite_prepare(db, insert_sql) != SQLITE_OK) return fail(insert_sql);
     char sensor[16];
     for (long long id = 1; id <= demo_rows; ++id) {
         const int length = std::snprintf(sensor, sizeof sensor, "sensor-%02d", static_cast<int>(id % sensors));
-        const unsigned char payload[4] = {
-            static_cast<unsigned char>(id >> 24), static_cast<unsigned char>(id >> 16),
-            static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id)};
+        const unsigned char payload[4] = {static_cast<unsigned char>(id >> 24), static_cast<unsigned char>(id >> 16),
+                                          static_cast<unsigned char>(id >> 8), static_cast<unsigned char>(id)};
         // Every fifth row has no payload, so that the read-back shows a NULL. The API has no
         // NULL binder; clearing the bindings leaves ?4 NULL.
         const bool with_payload = id % 5 != 0;
@@ -100,8 +96,8 @@ int demo_on(output& out, connection& db) {
     }
 
     const kiv_sqlite_handle handle = db.handle();
-    const insert_outcome inserted = run_on_database_worker<insert_outcome>(
-        [handle] { return insert_rows(handle); }, __FILE__, __LINE__);
+    const insert_outcome inserted =
+        run_on_database_worker<insert_outcome>([handle] { return insert_rows(handle); }, __FILE__, __LINE__);
     if (!inserted.ok) {
         report_error(out, demo_path, 0, inserted.error);
         return 1;
@@ -114,9 +110,8 @@ int demo_on(output& out, connection& db) {
         lines << "no earlier rows: table readings filled\n";
     }
     const double rate = inserted.seconds > 0.0 ? static_cast<double>(demo_rows) / inserted.seconds : 0.0;
-    lines << "inserted " << demo_rows << " rows in one transaction on the database worker: "
-          << std::fixed << std::setprecision(3) << inserted.seconds << " s, " << std::setprecision(0)
-          << rate << " rows/s\n";
+    lines << "inserted " << demo_rows << " rows in one transaction on the database worker: " << std::fixed
+          << std::setprecision(3) << inserted.seconds << " s, " << std::setprecision(0) << rate << " rows/s\n";
     out.text() += lines.str();
     out.flush();
 
@@ -126,9 +121,7 @@ int demo_on(output& out, connection& db) {
                      "round(avg(value), 3) AS avg_value, count(payload) AS payloads "
                      "FROM readings"))
         return 1;
-    if (!print_query(out, db.handle(),
-                     "SELECT id, sensor, value, payload FROM readings ORDER BY id LIMIT 6"))
-        return 1;
+    if (!print_query(out, db.handle(), "SELECT id, sensor, value, payload FROM readings ORDER BY id LIMIT 6")) return 1;
     out.text() += '\n';
     out.flush();
     return 0;

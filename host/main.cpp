@@ -246,7 +246,8 @@ int main(int argc, char** argv) {
     if (!kiv_host::shut_down_database_service()) {
         std::cout << std::flush;
         std::cerr << "kiv_host: the database service did not finish; a connection object was "
-                     "never released" << std::endl;
+                     "never released"
+                  << std::endl;
         // The service's worker is still running; leaving through exit() would tear down its
         // state underneath it.
         std::_Exit(exit_database_error);

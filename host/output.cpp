@@ -19,9 +19,8 @@ constexpr std::size_t pipe_chunk = 64 * 1024;
 
 // One column per UTF-8 code point: continuation bytes (10xxxxxx) do not start one.
 std::size_t display_width(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
-    }));
+    return static_cast<std::size_t>(std::count_if(
+        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
 }
 
 bool needs_escape(char ch) {
@@ -95,15 +94,12 @@ void append_csv_field(std::string& line, const std::string& value) {
 
 }  // namespace
 
-output::output() : flush_at_(::isatty(STDOUT_FILENO) != 0 ? 0 : pipe_chunk) {
-    buffer_.reserve(pipe_chunk + 1024);
-}
+output::output() : flush_at_(::isatty(STDOUT_FILENO) != 0 ? 0 : pipe_chunk) { buffer_.reserve(pipe_chunk + 1024); }
 
 void output::flush() {
     if (!buffer_.empty() && error_ == 0) {
         errno = 0;
-        if (std::fwrite(buffer_.data(), 1, buffer_.size(), stdout) != buffer_.size() ||
-            std::fflush(stdout) != 0) {
+        if (std::fwrite(buffer_.data(), 1, buffer_.size(), stdout) != buffer_.size() || std::fflush(stdout) != 0) {
             error_ = errno != 0 ? errno : EIO;
         }
     }

@@ -69,15 +69,15 @@ private:
 
     output& out_;
     const format format_;
-    bool separate_ = false;   // a result was printed before: a blank line first
-    bool open_ = false;       // begun and not finished
-    bool in_block_ = false;   // table rows are still being collected
+    bool separate_ = false;  // a result was printed before: a blank line first
+    bool open_ = false;      // begun and not finished
+    bool in_block_ = false;  // table rows are still being collected
     std::size_t rows_ = 0;
     std::vector<std::string> names_;
     std::vector<std::string> values_;  // the current row, as printed
     std::vector<kind> kinds_;
     std::vector<std::size_t> value_widths_;
-    std::vector<std::string> block_;   // the first rows of a table, row after row
+    std::vector<std::string> block_;  // the first rows of a table, row after row
     std::vector<std::size_t> widths_;
     std::vector<bool> has_number_;
     std::vector<bool> has_text_;

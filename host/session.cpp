@@ -24,12 +24,9 @@ constexpr long service_finish_timeout_ms = 30000;
 
 }  // namespace
 
-connection::connection(const std::string& path, const std::string& name)
-    : handle_(kiv_sqlite_new(path, name)) {}
+connection::connection(const std::string& path, const std::string& name) : handle_(kiv_sqlite_new(path, name)) {}
 
-connection::~connection() {
-    kiv_sqlite_destroy(handle_, __FILE__, __LINE__);
-}
+connection::~connection() { kiv_sqlite_destroy(handle_, __FILE__, __LINE__); }
 
 bool connection::open(bool create, sql_error& error) {
     const int rc = create ? kiv_sqlite_open(handle_) : kiv_sqlite_try_open(handle_);
@@ -43,8 +40,7 @@ bool connection::open(bool create, sql_error& error) {
     return false;
 }
 
-void report_error(output& out, const std::string& path, std::size_t statement_number,
-                  const sql_error& error) {
+void report_error(output& out, const std::string& path, std::size_t statement_number, const sql_error& error) {
     out.flush();
     std::cout << std::flush;
     std::cerr << "kiv_host: " << path << ": ";
@@ -65,8 +61,7 @@ bool exec_sql(const kiv_sqlite_handle& db, const std::string& sql, sql_error& er
     return false;
 }
 
-bool run_statement(const kiv_sqlite_handle& db, const std::string& sql, result_printer& printer,
-                   sql_error& error) {
+bool run_statement(const kiv_sqlite_handle& db, const std::string& sql, result_printer& printer, sql_error& error) {
     if (kiv_sqlite_prepare(db, sql) != SQLITE_OK) {
         error = last_error(db, sql);
         kiv_sqlite_finalize(db);

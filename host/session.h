@@ -43,8 +43,7 @@ private:
 
 // Writes the error to standard error: "kiv_host: PATH: [statement N: ]SQLite error CODE: MESSAGE",
 // then the statement on a line of its own. `out` is written first.
-void report_error(output& out, const std::string& path, std::size_t statement_number,
-                  const sql_error& error);
+void report_error(output& out, const std::string& path, std::size_t statement_number, const sql_error& error);
 
 // Runs SQL text without a statement (kiv_sqlite_sql_stmt); false with `error` filled on failure.
 bool exec_sql(const kiv_sqlite_handle& db, const std::string& sql, sql_error& error);
@@ -53,8 +52,7 @@ bool exec_sql(const kiv_sqlite_handle& db, const std::string& sql, sql_error& er
 // columns begins a result on `printer` and hands it each row; it stops early once the output is
 // closed. The printer is left to finish, also after an error, so the rows before it print.
 // false with `error` filled on failure.
-bool run_statement(const kiv_sqlite_handle& db, const std::string& sql, result_printer& printer,
-                   sql_error& error);
+bool run_statement(const kiv_sqlite_handle& db, const std::string& sql, result_printer& printer, sql_error& error);
 
 // Runs `work` as a job on the database worker and waits for its result. Exceptions of `work`
 // come back here; std::future_error (broken promise) if the service dropped the job unrun.

@@ -123,20 +123,18 @@ void kiv_database_exec(std::function<void()> job, std::string file, int line) {
     });
 }
 
-unsigned long kiv_database_set_timeout(std::function<void()> job, unsigned long delay, std::string file,
-                                       int line) {
+unsigned long kiv_database_set_timeout(std::function<void()> job, unsigned long delay, std::string file, int line) {
     const shared_function<void> own = share(std::move(job));
     return with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
         return kiv_thread_service_set_timeout(std::move(service), forwarded(own), delay, std::move(file), line);
     });
 }
 
-unsigned long kiv_database_set_interval(std::function<bool()> callback, unsigned long interval,
-                                        std::string file, int line) {
+unsigned long kiv_database_set_interval(std::function<bool()> callback, unsigned long interval, std::string file,
+                                        int line) {
     const shared_function<bool> own = share(std::move(callback));
     return with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        return kiv_thread_service_set_interval(std::move(service), forwarded(own), interval,
-                                               std::move(file), line);
+        return kiv_thread_service_set_interval(std::move(service), forwarded(own), interval, std::move(file), line);
     });
 }
 
@@ -176,8 +174,7 @@ void kiv_database_unref(const boost::shared_ptr<_kiv_object>& object) {
     if (entry == database_objects.end()) return;
     database_objects.erase(entry);
     std::cout << "left objects in database reference count: " << database_objects.size() << std::endl;
-    if (shutdown_requested && database_objects.empty())
-        kiv_thread_service_stop(database_service, on_service_stopped);
+    if (shutdown_requested && database_objects.empty()) kiv_thread_service_stop(database_service, on_service_stopped);
 }
 
 // --- Named-connection registry ---
@@ -185,7 +182,7 @@ void kiv_database_unref(const boost::shared_ptr<_kiv_object>& object) {
 void kiv_database_register_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection) {
     std::string name = connection->get_name();
     std::lock_guard<std::mutex> guard(registry_mutex);
-    sqlite_registry.try_emplace(std::move(name), std::move(connection));  // the first one stays
+    sqlite_registry.try_emplace(std::move(name), connection);  // the first one stays
 }
 
 void kiv_database_unregister_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection) {

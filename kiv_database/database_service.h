@@ -87,9 +87,8 @@ KIV_DATABASE_API unsigned long kiv_database_set_timeout(std::function<void()> jo
 /// \return the framework's timer id, unchanged, for kiv_database_clear_interval.
 /// \par Threads
 /// Any thread, also from a job or a timer.
-KIV_DATABASE_API unsigned long kiv_database_set_interval(std::function<bool()> callback,
-                                                         unsigned long interval, std::string file,
-                                                         int line);
+KIV_DATABASE_API unsigned long kiv_database_set_interval(std::function<bool()> callback, unsigned long interval,
+                                                         std::string file, int line);
 
 /// Cancels the timeout `timer_id` of the current service.
 ///

@@ -85,8 +85,7 @@ int bind_sized(Bind bind, sqlite3_stmt* stmt, int index, const Data* data, unsig
 // ---------------------------------------------------------------------------------------------
 // Object model
 
-_kiv_sqlite::_kiv_sqlite(std::string path_, std::string name_)
-    : path(std::move(path_)), name(std::move(name_)) {}
+_kiv_sqlite::_kiv_sqlite(std::string path_, std::string name_) : path(std::move(path_)), name(std::move(name_)) {}
 
 _kiv_sqlite::~_kiv_sqlite() {
     finalize();
@@ -138,8 +137,7 @@ void _kiv_sqlite::finalize() {
 }
 
 [[gnu::always_inline]] inline void _kiv_sqlite::check_statement(int line) {
-    kiv_assertion_faild(stmt != nullptr, "stmt!=nullptr", "database statement must be opened",
-                        source_file, line);
+    kiv_assertion_faild(stmt != nullptr, "stmt!=nullptr", "database statement must be opened", source_file, line);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -161,14 +159,14 @@ std::string kiv_sqlite_get_name(boost::shared_ptr<_kiv_sqlite> handle) {
 // Opening and closing
 
 int _kiv_sqlite::open() {
-    kiv_assertion_faild(db == nullptr, "db==nullptr", "Trying to open already opened database object",
-                        source_file, __LINE__);
+    kiv_assertion_faild(db == nullptr, "db==nullptr", "Trying to open already opened database object", source_file,
+                        __LINE__);
     return open_with(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
 }
 
 int _kiv_sqlite::try_open() {
-    kiv_assertion_faild(db == nullptr, "db==nullptr", "Trying to open already opened database object",
-                        source_file, __LINE__);
+    kiv_assertion_faild(db == nullptr, "db==nullptr", "Trying to open already opened database object", source_file,
+                        __LINE__);
     return open_with(SQLITE_OPEN_READWRITE);
 }
 
@@ -231,7 +229,8 @@ void _kiv_sqlite::destroy(std::string file, int line) {
                     return;
                 }
             } catch (const boost::bad_any_cast& e) {
-                std::cout << error_banner << "bad cast destroy any: " << source_file << ":" << __LINE__ << " - " << e.what() << std::endl;
+                std::cout << error_banner << "bad cast destroy any: " << source_file << ":" << __LINE__ << " - "
+                          << e.what() << std::endl;
                 return;
             }
             properties["object-destroyed"] = true;
@@ -281,8 +280,8 @@ int _kiv_sqlite::sql_stmt(const char* sql, char** errmsg) {
 
 int _kiv_sqlite::prepare(std::string sql) {
     check_db(__LINE__);
-    kiv_assertion_faild(stmt == nullptr, "stmt==nullptr",
-                        "database statement must not be opened already", source_file, __LINE__);
+    kiv_assertion_faild(stmt == nullptr, "stmt==nullptr", "database statement must not be opened already", source_file,
+                        __LINE__);
     // A held statement is never replaced: it would leak.
     if (db == nullptr || stmt != nullptr) return SQLITE_MISUSE;
     return sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);
@@ -393,21 +392,18 @@ int kiv_sqlite_bind_blob(boost::shared_ptr<_kiv_sqlite> handle, int index, const
     return frame(__func__, handle, [&](_kiv_sqlite& o) { return o.bind_blob(index, data, size); });
 }
 
-int kiv_sqlite_bind_blob_static(boost::shared_ptr<_kiv_sqlite> handle, int index,
-                                const unsigned char* data, unsigned long size) {
-    return frame(__func__, handle,
-                 [&](_kiv_sqlite& o) { return o.bind_blob_static(index, data, size); });
+int kiv_sqlite_bind_blob_static(boost::shared_ptr<_kiv_sqlite> handle, int index, const unsigned char* data,
+                                unsigned long size) {
+    return frame(__func__, handle, [&](_kiv_sqlite& o) { return o.bind_blob_static(index, data, size); });
 }
 
-int kiv_sqlite_bind_text(boost::shared_ptr<_kiv_sqlite> handle, int index, const char* text,
-                         unsigned long size) {
+int kiv_sqlite_bind_text(boost::shared_ptr<_kiv_sqlite> handle, int index, const char* text, unsigned long size) {
     return frame(__func__, handle, [&](_kiv_sqlite& o) { return o.bind_text(index, text, size); });
 }
 
 int kiv_sqlite_bind_text_static(boost::shared_ptr<_kiv_sqlite> handle, int index, const char* text,
                                 unsigned long size) {
-    return frame(__func__, handle,
-                 [&](_kiv_sqlite& o) { return o.bind_text_static(index, text, size); });
+    return frame(__func__, handle, [&](_kiv_sqlite& o) { return o.bind_text_static(index, text, size); });
 }
 
 int kiv_sqlite_bind_parameter_count(boost::shared_ptr<_kiv_sqlite> handle) {
@@ -501,8 +497,7 @@ int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle, kiv_sqlite_row_c
 
 int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle, unsigned long& counter,
                          kiv_sqlite_row_callback callback) {
-    return frame(__func__, handle,
-                 [&](_kiv_sqlite& o) { return o.rows_each(counter, std::move(callback)); });
+    return frame(__func__, handle, [&](_kiv_sqlite& o) { return o.rows_each(counter, std::move(callback)); });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -566,8 +561,7 @@ const char* _kiv_sqlite::column_name(int column) {
     return stmt == nullptr ? nullptr : sqlite3_column_name(stmt, column);
 }
 
-bool kiv_sqlite_column_blob(boost::shared_ptr<_kiv_sqlite> handle, int column, unsigned char*& data,
-                            int& size) {
+bool kiv_sqlite_column_blob(boost::shared_ptr<_kiv_sqlite> handle, int column, unsigned char*& data, int& size) {
     return frame(__func__, handle, [&](_kiv_sqlite& o) {
         o.column_blob(column, data, size);
         return true;
@@ -615,13 +609,11 @@ bool kiv_sqlite_is_column_blob(boost::shared_ptr<_kiv_sqlite> handle, int column
 }
 
 bool kiv_sqlite_is_column_int(boost::shared_ptr<_kiv_sqlite> handle, int column) {
-    return frame(__func__, handle,
-                 [&](_kiv_sqlite& o) { return o.column_type(column) == SQLITE_INTEGER; });
+    return frame(__func__, handle, [&](_kiv_sqlite& o) { return o.column_type(column) == SQLITE_INTEGER; });
 }
 
 bool kiv_sqlite_is_column_double(boost::shared_ptr<_kiv_sqlite> handle, int column) {
-    return frame(__func__, handle,
-                 [&](_kiv_sqlite& o) { return o.column_type(column) == SQLITE_FLOAT; });
+    return frame(__func__, handle, [&](_kiv_sqlite& o) { return o.column_type(column) == SQLITE_FLOAT; });
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -217,8 +217,7 @@ KIV_DATABASE_API bool kiv_sqlite_is_opened(boost::shared_ptr<_kiv_sqlite> handle
 /// \return true; false for an empty handle.
 /// \par Threads
 /// Any thread, also from a job or timer, or from the destructor of something a job holds.
-KIV_DATABASE_API bool kiv_sqlite_destroy(boost::shared_ptr<_kiv_sqlite> handle, std::string file,
-                                         int line);
+KIV_DATABASE_API bool kiv_sqlite_destroy(boost::shared_ptr<_kiv_sqlite> handle, std::string file, int line);
 /// @}
 
 /// \name Conversion to and from framework objects
@@ -258,8 +257,7 @@ KIV_DATABASE_API boost::shared_ptr<_kiv_sqlite> kiv_sqlite_from_object(boost::sh
 /// -1 for an empty handle (`*errmsg` not written).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_sql_stmt(boost::shared_ptr<_kiv_sqlite> handle, const char* sql,
-                                         char** errmsg);
+KIV_DATABASE_API int kiv_sqlite_sql_stmt(boost::shared_ptr<_kiv_sqlite> handle, const char* sql, char** errmsg);
 
 /// Compiles the first statement of `sql` into the object's one statement slot
 /// (sqlite3_prepare_v2); the rest of the text is ignored.
@@ -306,19 +304,17 @@ KIV_DATABASE_API int kiv_sqlite_bind_int(boost::shared_ptr<_kiv_sqlite> handle, 
 /// Binds a 64-bit integer (sqlite3_bind_int64).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_int64(boost::shared_ptr<_kiv_sqlite> handle, int index,
-                                           long long value);
+KIV_DATABASE_API int kiv_sqlite_bind_int64(boost::shared_ptr<_kiv_sqlite> handle, int index, long long value);
 /// Binds a double (sqlite3_bind_double).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_double(boost::shared_ptr<_kiv_sqlite> handle, int index,
-                                            double value);
+KIV_DATABASE_API int kiv_sqlite_bind_double(boost::shared_ptr<_kiv_sqlite> handle, int index, double value);
 /// Binds a copy of `size` bytes at `data` as a blob (SQLITE_TRANSIENT).
 /// \return as above; SQLITE_TOOBIG for a size above 2147483647.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_blob(boost::shared_ptr<_kiv_sqlite> handle, int index,
-                                          const unsigned char* data, unsigned long size);
+KIV_DATABASE_API int kiv_sqlite_bind_blob(boost::shared_ptr<_kiv_sqlite> handle, int index, const unsigned char* data,
+                                          unsigned long size);
 /// Binds `size` bytes at `data` as a blob in place (SQLITE_STATIC): they must stay valid and
 /// unchanged until the statement is finalized, the parameter rebound or the bindings cleared.
 /// \return as above; SQLITE_TOOBIG for a size above 2147483647.
@@ -330,15 +326,15 @@ KIV_DATABASE_API int kiv_sqlite_bind_blob_static(boost::shared_ptr<_kiv_sqlite> 
 /// \return as above; SQLITE_TOOBIG for a size above 2147483647.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_text(boost::shared_ptr<_kiv_sqlite> handle, int index,
-                                          const char* text, unsigned long size);
+KIV_DATABASE_API int kiv_sqlite_bind_text(boost::shared_ptr<_kiv_sqlite> handle, int index, const char* text,
+                                          unsigned long size);
 /// Binds `size` bytes of UTF-8 at `text` in place (SQLITE_STATIC), kept as for
 /// kiv_sqlite_bind_blob_static.
 /// \return as above; SQLITE_TOOBIG for a size above 2147483647.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_text_static(boost::shared_ptr<_kiv_sqlite> handle, int index,
-                                                 const char* text, unsigned long size);
+KIV_DATABASE_API int kiv_sqlite_bind_text_static(boost::shared_ptr<_kiv_sqlite> handle, int index, const char* text,
+                                                 unsigned long size);
 /// The number of the statement's parameters (the largest index).
 /// \return SQLite's count; 0 without a statement; -1 for an empty handle.
 /// \par Threads
@@ -349,14 +345,12 @@ KIV_DATABASE_API int kiv_sqlite_bind_parameter_count(boost::shared_ptr<_kiv_sqli
 /// without a statement and for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API const char* kiv_sqlite_bind_parameter_name(boost::shared_ptr<_kiv_sqlite> handle,
-                                                            int index);
+KIV_DATABASE_API const char* kiv_sqlite_bind_parameter_name(boost::shared_ptr<_kiv_sqlite> handle, int index);
 /// The index of the parameter named `name`, given with its prefix (":a").
 /// \return the index; 0 for no such name and without a statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_parameter_index(boost::shared_ptr<_kiv_sqlite> handle,
-                                                     const char* name);
+KIV_DATABASE_API int kiv_sqlite_bind_parameter_index(boost::shared_ptr<_kiv_sqlite> handle, const char* name);
 /// Sets every parameter to NULL (sqlite3_clear_bindings).
 /// \par Threads
 /// The thread that uses the object.
@@ -414,14 +408,13 @@ KIV_DATABASE_API int kiv_sqlite_affected_rows_count(boost::shared_ptr<_kiv_sqlit
 /// handle (the callback is never called).
 /// \par Threads
 /// The thread that uses the object; the callback runs on it.
-KIV_DATABASE_API int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle,
-                                          kiv_sqlite_row_callback callback);
+KIV_DATABASE_API int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle, kiv_sqlite_row_callback callback);
 
 /// As kiv_sqlite_rows_each(handle, callback), counting the rows in `counter`.
 /// \param counter  set to 0 first, then to the number of rows handed to the callback, the
 ///                 current one included; not written for an empty handle.
-KIV_DATABASE_API int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle,
-                                          unsigned long& counter, kiv_sqlite_row_callback callback);
+KIV_DATABASE_API int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle, unsigned long& counter,
+                                          kiv_sqlite_row_callback callback);
 /// @}
 
 /// \name Column access
@@ -439,8 +432,8 @@ KIV_DATABASE_API int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle,
 /// \return true, also when nothing was copied; false for an empty handle (outputs not written).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API bool kiv_sqlite_column_blob(boost::shared_ptr<_kiv_sqlite> handle, int column,
-                                             unsigned char*& data, int& size);
+KIV_DATABASE_API bool kiv_sqlite_column_blob(boost::shared_ptr<_kiv_sqlite> handle, int column, unsigned char*& data,
+                                             int& size);
 /// The column's value as text, up to its first zero byte.
 /// \return a copy; "" for NULL, without a statement and for an empty handle.
 /// \par Threads
@@ -472,8 +465,7 @@ KIV_DATABASE_API int kiv_sqlite_column_type(boost::shared_ptr<_kiv_sqlite> handl
 /// statement and for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API const char* kiv_sqlite_column_decltype(boost::shared_ptr<_kiv_sqlite> handle,
-                                                        int column);
+KIV_DATABASE_API const char* kiv_sqlite_column_decltype(boost::shared_ptr<_kiv_sqlite> handle, int column);
 /// The column's name in the result (sqlite3_column_name).
 /// \return SQLite's text, owned by SQLite until finalize; nullptr without a statement and for an
 /// empty handle.
