@@ -1,6 +1,8 @@
 #!/bin/sh
 # Installs the Debian packages that a make target needs, or names the missing ones when not root.
-#   sh scripts/install-deps.sh GROUP...   (run: the host and the libraries; test; bench; package)
+#   sh scripts/install-deps.sh GROUP...
+# Groups: run (the host and the libraries), test, bench, package, docs, lint. A make target names
+# every group it needs at once, so that a user without root is told one complete command.
 set -eu
 # libFuzzer and the sanitizer runtimes of clang sit in the libclang-rt package of clang's version.
 clang_rt() {
@@ -15,8 +17,11 @@ for group in "$@"; do
     run) pkgs="$pkgs g++ cmake ninja-build make pkg-config libboost-dev libsqlite3-dev" ;;
     test) pkgs="$pkgs binutils libgtest-dev libgmock-dev valgrind clang $(clang_rt)" ;;
     bench) pkgs="$pkgs libbenchmark-dev libsqlitecpp-dev gnuplot-nox python3 sqlite3 time valgrind" ;;
-    package) pkgs="$pkgs dpkg-dev" ;;
-    *) echo "install-deps.sh: unknown group $group (run, test, bench, package)" >&2; exit 2 ;;
+    # CPack's DEB generator needs dpkg-dev and file; help2man writes kiv_host's manual page.
+    package) pkgs="$pkgs dpkg-dev file help2man lintian" ;;
+    docs) pkgs="$pkgs doxygen" ;;
+    lint) pkgs="$pkgs clang-format clang-tidy" ;;
+    *) echo "install-deps.sh: unknown group $group (run, test, bench, package, docs, lint)" >&2; exit 2 ;;
   esac
 done
 # One query for all of them: this runs before every build.
@@ -30,7 +35,7 @@ done
 [ -z "$missing" ] && exit 0
 if [ "$(id -u)" -ne 0 ]; then
   echo "missing Debian packages:$missing" >&2
-  echo "install them with: sudo apt-get install -y$missing" >&2
+  echo "install them with: sudo apt-get install -y --no-install-recommends$missing" >&2
   exit 1
 fi
 echo "installing$missing (with what they need; this takes a few minutes)"

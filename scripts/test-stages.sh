@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # Runs the stages of `make test` and ends with one line over all of them: "N passed, N failed".
-#   BUILD=build JOBS=2 FUZZ_SECONDS=60 bash scripts/test-stages.sh [suite] [valgrind] [thread] [address] [fuzz]
+#   BUILD=build JOBS=2 FUZZ_SECONDS=60 bash scripts/test-stages.sh [suite] [valgrind] [docs] [lint] [thread] [address] [fuzz]
 # Each ctest test counts once per stage it runs in; a stage that cannot build or run its tests
-# counts as one failure; the fuzzing counts as one test. Builds and the fuzzer write to log
-# files in their build directories, shown only when they fail.
+# counts as one failure; the fuzzing, the API reference and the lint checks count as one test
+# each. Builds, the fuzzer, docs and lint write to log files in their build directories, shown
+# only when they fail.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -70,7 +71,16 @@ build_suite() {
 export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
-[ $# -gt 0 ] || set -- suite valgrind thread address fuzz
+# A one-test stage: name, log, command... (the log is shown when the command fails).
+checked() {
+  local stage=$1 log=$2; shift 2
+  mkdir -p "$BUILD"
+  { [ -f "$BUILD/cmake_install.cmake" ] || cmake -S . -B "$BUILD"; } >"$log" 2>&1 && "$@" >>"$log" 2>&1
+  local rc=$?
+  if [ "$rc" -eq 0 ]; then verdict "$stage" 1 0 "log: $log"; else show_log "$log" 60; verdict "$stage" 0 1 "log: $log"; fi
+}
+
+[ $# -gt 0 ] || set -- suite valgrind docs lint thread address fuzz
 for stage in "$@"; do
   echo "== $stage"
   case $stage in
@@ -80,6 +90,8 @@ for stage in "$@"; do
       elif [ "$stage" = suite ]; then run_ctest suite "$BUILD" -E '^host_valgrind$'
       else run_ctest valgrind "$BUILD" -R '^host_valgrind$'
       fi ;;
+    docs) checked docs "$BUILD/docs.log" cmake --build "$BUILD" --target docs ;;
+    lint) checked lint "$BUILD/lint.log" bash scripts/lint.sh "$BUILD" "$JOBS" ;;
     thread | address)
       dir="$BUILD-$stage"
       if build_dir "$dir" "$dir/build.log" -DCMAKE_BUILD_TYPE=Debug -DKIV_SANITIZE="$stage" \
@@ -110,7 +122,7 @@ for stage in "$@"; do
       else
         verdict fuzz 0 1 "build failed"
       fi ;;
-    *) echo "unknown stage $stage (suite, valgrind, thread, address, fuzz)" >&2; exit 2 ;;
+    *) echo "unknown stage $stage (suite, valgrind, docs, lint, thread, address, fuzz)" >&2; exit 2 ;;
   esac
 done
 echo "$passed passed, $failed failed"
