@@ -73,7 +73,7 @@ bench: $(BUILD)/cmake_install.cmake
 package: $(BUILD)/cmake_install.cmake
 	@sh scripts/install-deps.sh $(DEPS)
 	@cmake --build $(BUILD) -j $(JOBS) --target kiv_host
-	@rm -rf $(BUILD)/packages && cd $(BUILD) && cpack -G DEB -B packages >cpack.log || { cat cpack.log; exit 1; }
+	@rm -rf $(BUILD)/packages && cd $(BUILD) && cpack -G DEB -B packages >cpack.log 2>&1 || { cat cpack.log; exit 1; }
 	@lintian --fail-on error $(BUILD)/packages/*.deb
 	@ls $(BUILD)/packages/*.deb
 
