@@ -404,7 +404,7 @@ KIV_DATABASE_API int kiv_sqlite_affected_rows_count(boost::shared_ptr<_kiv_sqlit
 /// callback throws std::bad_function_call at the first row. To destroy the object from inside
 /// the callback, return false from it.
 /// \return SQLITE_DONE (101) after the last row, SQLITE_ROW (100) when the callback returned
-/// false, or the reset's code after an error; SQLITE_MISUSE without a statement; -1 for an empty
+/// false, or the reset's code after an error (SQLITE_OK without a statement); -1 for an empty
 /// handle (the callback is never called).
 /// \par Threads
 /// The thread that uses the object; the callback runs on it.
@@ -425,9 +425,9 @@ KIV_DATABASE_API int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle,
 /// @{
 
 /// A copy of the column's value as a blob.
-/// \param data  set to a malloc'ed copy of exactly `size` bytes, released by the caller with
-///              free(); nullptr for an empty value, without a statement and when memory ran
-///              out.
+/// \param data  set to a malloc'ed copy of exactly `size` bytes (for 0 bytes, whatever
+///              malloc(0) gives), released by the caller with free(); nullptr without a
+///              statement and when memory ran out.
 /// \param size  set to the number of bytes (0 with a null `data`).
 /// \return true, also when nothing was copied; false for an empty handle (outputs not written).
 /// \par Threads
