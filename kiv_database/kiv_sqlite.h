@@ -100,6 +100,8 @@ private:
     KIV_DATABASE_LOCAL void close_connection(int line);
     KIV_DATABASE_LOCAL void check_db(int line);
     KIV_DATABASE_LOCAL void check_statement(int line);
+    KIV_DATABASE_LOCAL void check_no_db(int line);
+    KIV_DATABASE_LOCAL void check_no_statement(int line);
 };
 
 // --- Creation and naming ---
