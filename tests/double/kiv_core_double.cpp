@@ -218,11 +218,3 @@ kiv_thread_service_handle kiv_thread_service_find(std::string name) {
     }
     return {};
 }
-void kiv_thread_service_join_all(int code) {
-    std::vector<kiv_thread_service_handle> live;
-    lock_t lk(services_lock);
-    for (const auto& weak : services) if (auto s = weak.lock()) live.push_back(s);
-    lk.unlock();
-    for (const auto& s : live) kiv_thread_service_join(s, code);
-    for (const auto& s : live) kiv_thread_service_wait(s, -1);
-}
