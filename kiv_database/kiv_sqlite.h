@@ -13,8 +13,12 @@
 // makes no SQLite call with the missing handle and returns SQLITE_MISUSE, 0, nullptr or "".
 // Threads: one thread at a time per object; get_name and is_opened are safe from any thread,
 // and so are lookups by name (kiv_database_get_sqlite) and destroy.
+// SQLite must run in its multi-thread or serialized mode: destroy jobs close connections on the
+// database worker while callers open others.
 // Ownership: objects come only from kiv_sqlite_new and go through kiv_sqlite_destroy; dropping
 // the handles alone keeps the object alive (and the database service from shutting down).
+// Console: std::cout is the library's; a stream buffer behind it must not call the library (the
+// service writes some lines under its lock) and must not throw.
 
 #include <sqlite3.h>
 
@@ -123,7 +127,8 @@ KIV_DATABASE_API bool kiv_sqlite_is_opened(boost::shared_ptr<_kiv_sqlite> handle
 // --- Destruction ---
 // Marks the object destroyed and posts a job to the database worker that finalizes, closes,
 // gives the framework reference back and stops tracking it. A second call only warns, naming
-// `file`:`line`. Returns true for any non-empty handle. May be called from any thread, also
+// `file`:`line`, when the framework's base object records destruction ("object-destroyed");
+// otherwise it posts a second job, which finds the object closed and untracked and does nothing. Returns true for any non-empty handle. May be called from any thread, also
 // from a job or timer, or from the destructor of something a job holds (a host's guard).
 // Do not use the object after this call: the job owns it from then on. While no database
 // service runs (before kiv_database_init, after the service finished) the job is refused: the
@@ -178,6 +183,7 @@ KIV_DATABASE_API int kiv_sqlite_bind_clear(boost::shared_ptr<_kiv_sqlite> handle
 // rows_each steps from where the statement stands, calls `callback` per row (the counter already
 // counts that row) and returns 101 at the end, 100 when the callback said false, or the
 // reset's code on an error (the only exit that resets). Callback exceptions pass through.
+// A callback that destroys its own object returns false.
 KIV_DATABASE_API int kiv_sqlite_step(boost::shared_ptr<_kiv_sqlite> handle);
 KIV_DATABASE_API int kiv_sqlite_data_count(boost::shared_ptr<_kiv_sqlite> handle);
 KIV_DATABASE_API int kiv_sqlite_column_count(boost::shared_ptr<_kiv_sqlite> handle);
