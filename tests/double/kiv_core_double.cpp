@@ -45,8 +45,7 @@ namespace {
 struct timer {
     std::function<bool()> callback;  // empty while it runs
     std::chrono::steady_clock::time_point due;
-    unsigned long interval;
-    bool repeat;
+    unsigned long interval;  // a timeout's callback returns false: it runs once
 };
 }  // namespace
 
@@ -90,13 +89,9 @@ bool run_one(_kiv_thread_service& s, lock_t& lk) {
     one_at_a_time.unlock();
     lk.lock();
     s.busy = false;
-    const auto t = s.timers.find(id);
-    if (t != s.timers.end() && again && t->second.repeat) {
-        t->second.due = std::chrono::steady_clock::now() + std::chrono::milliseconds(t->second.interval);
-        t->second.callback.swap(work);
-    } else if (t != s.timers.end()) {
-        s.timers.erase(t);
-    }
+    const auto t = s.timers.find(id);  // gone when cleared meanwhile
+    if (t != s.timers.end() && again) t->second.due += std::chrono::milliseconds(t->second.interval), t->second.callback.swap(work);
+    else if (t != s.timers.end()) s.timers.erase(t);
     lk.unlock();
     work = nullptr;  // dies outside the lock, on this thread
     return lk.lock(), true;
@@ -127,13 +122,13 @@ void install(const kiv_thread_service_handle& s, F _kiv_thread_service::*slot, F
     if (!s->stopped) std::swap((*s).*slot, f);
 }  // the replaced or refused one dies inside the call, after the unlock
 
-unsigned long add_timer(const kiv_thread_service_handle& s, std::function<bool()> f, unsigned long ms, bool repeat) {
+unsigned long add_timer(const kiv_thread_service_handle& s, std::function<bool()> f, unsigned long ms) {
     if (!s) return 0;
     lock_t guard(s->lock);
     unsigned long id = 1;
     while (s->timers.count(id) != 0) ++id;
     if (s->stopped) return 0;  // refused: dies inside this call
-    s->timers[id] = timer{std::move(f), std::chrono::steady_clock::now() + std::chrono::milliseconds(ms), ms, repeat};
+    s->timers[id] = timer{std::move(f), std::chrono::steady_clock::now() + std::chrono::milliseconds(ms), ms};
     return id;
 }
 
@@ -176,11 +171,11 @@ void kiv_thread_service_exec(kiv_thread_service_handle s, std::function<void()> 
 }  // a refused job dies inside the call, after the unlock
 unsigned long kiv_thread_service_set_timeout(kiv_thread_service_handle s, std::function<void()> job,
                                              unsigned long ms, std::string, int) {
-    return add_timer(s, [job = std::move(job)] { return job(), false; }, ms, false);
+    return add_timer(s, [job = std::move(job)] { return job(), false; }, ms);
 }
 unsigned long kiv_thread_service_set_interval(kiv_thread_service_handle s, std::function<bool()> f,
                                               unsigned long ms, std::string, int) {
-    return add_timer(s, std::move(f), ms, true);
+    return add_timer(s, std::move(f), ms);
 }
 bool kiv_thread_service_clear_timeout(kiv_thread_service_handle s, unsigned long id) { return s && clear_timer(s, id); }
 bool kiv_thread_service_clear_interval(kiv_thread_service_handle s, unsigned long id) { return s && clear_timer(s, id); }
@@ -194,13 +189,11 @@ int kiv_thread_service_run_once(kiv_thread_service_handle s) {
 
 // What the tests need as hosts: join, wait, find.
 void kiv_thread_service_join(kiv_thread_service_handle s, int code) {
-    kiv_thread_service_join_handler handler;
-    {
-        lock_t guard(s->lock);
-        if (s->stopped) return;
-        s->code = code;
-        handler = s->join_handler;
-    }
+    lock_t lk(s->lock);
+    if (s->stopped) return;
+    s->code = code;
+    const kiv_thread_service_join_handler handler = s->join_handler;
+    lk.unlock();
     if (!handler || !handler(s, code)) kiv_thread_service_stop(s, [](kiv_thread_service_handle) {});
 }
 bool kiv_thread_service_wait(kiv_thread_service_handle s, long timeout_ms) {
