@@ -139,7 +139,9 @@ public:
     explicit forwarded(std::function<R()>&& function)
         : function_(std::make_shared<std::function<R()>>(std::move(function))) {}
     forwarded(const forwarded&) = default;
+    forwarded(forwarded&&) noexcept = default;  // a moved-from copy holds nothing back
     forwarded& operator=(const forwarded&) = default;
+    forwarded& operator=(forwarded&&) noexcept = default;
     ~forwarded() {
         if (current_service_lock != nullptr && function_) current_service_lock->held_back.push_back(std::move(function_));
     }
