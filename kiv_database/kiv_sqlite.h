@@ -128,11 +128,12 @@ KIV_DATABASE_API bool kiv_sqlite_is_opened(boost::shared_ptr<_kiv_sqlite> handle
 // Marks the object destroyed and posts a job to the database worker that finalizes, closes,
 // gives the framework reference back and stops tracking it. A second call only warns, naming
 // `file`:`line`, when the framework's base object records destruction ("object-destroyed");
-// otherwise it posts a second job, which finds the object closed and untracked and does nothing. Returns true for any non-empty handle. May be called from any thread, also
-// from a job or timer, or from the destructor of something a job holds (a host's guard).
+// otherwise it posts a second job, which finds the object closed and untracked and does
+// nothing. Returns true for any non-empty handle. May be called from any thread, also from a
+// job or timer, or from the destructor of something a job holds (a host's guard).
 // Do not use the object after this call: the job owns it from then on. While no database
 // service runs (before kiv_database_init, after the service finished) the job is refused: the
-// object stays marked, open and tracked, a later destroy only warns, and a join of a later
+// object stays marked, open and tracked, a later destroy does the same, and a join of a later
 // service never ends.
 KIV_DATABASE_API bool kiv_sqlite_destroy(boost::shared_ptr<_kiv_sqlite> handle, std::string file,
                                          int line);
