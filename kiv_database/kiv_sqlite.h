@@ -133,8 +133,8 @@ KIV_DATABASE_API bool kiv_sqlite_is_opened(boost::shared_ptr<_kiv_sqlite> handle
 // job or timer, or from the destructor of something a job holds (a host's guard).
 // Do not use the object after this call: the job owns it from then on. While no database
 // service runs (before kiv_database_init, after the service finished) the job is refused: the
-// object stays marked, open and tracked, a later destroy does the same, and a join of a later
-// service never ends.
+// object stays marked, open and tracked, a later destroy only warns (posts the job again when
+// the base object does not record destruction), and a join of a later service never ends.
 KIV_DATABASE_API bool kiv_sqlite_destroy(boost::shared_ptr<_kiv_sqlite> handle, std::string file,
                                          int line);
 
