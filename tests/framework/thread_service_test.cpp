@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <atomic>
 #include <future>
 #include <map>
@@ -158,4 +160,18 @@ TEST(ThreadService, RunOnceAndConsoleLinesForThrowingWorkAndEmptyHandles) {
         expected += kiv_test::null_object_line(std::string("kiv_thread_service_") + f);
     EXPECT_EQ(out.str(), expected);
     EXPECT_EQ(out.flushes(), 13);  // one per line
+}
+
+// A host that exits without joining: queued jobs still run, then the finish handler, and the exit does not hang.
+TEST(ThreadService, ExitWithoutJoinRunsQueuedJobsThenFinishes) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");  // the process runs afresh, with no service yet
+    EXPECT_EXIT(([] {
+        alarm(30);  // a hang ends the process by a signal
+        static std::atomic<bool> job_ran{false};
+        auto busy = kiv_thread_service_new("busy");
+        kiv_thread_service_on_finished(busy, [](handle, int) { _exit(job_ran ? 7 : 6); });  // the exit status
+        kiv_thread_service_exec(busy, [] { std::this_thread::sleep_for(20ms), job_ran = true; }, "t", 0);
+        kiv_thread_service_set_timeout(busy, [] { _exit(4); }, 60000, "t", 0);
+        std::exit(0);
+    }()), testing::ExitedWithCode(7), "");
 }
