@@ -465,6 +465,9 @@ bool kiv_thread_service_clear_interval(kiv_thread_service_handle service, unsign
 int kiv_thread_service_run_once(kiv_thread_service_handle service) {
     if (null_handle(service, __func__)) return -1;
     std::lock_guard<std::recursive_mutex> running(service->execution);
+    // Meanwhile this thread stands in for the worker: a wait from inside one of these jobs (a
+    // join) returns at once, as on the worker, instead of waiting for a worker that waits for it.
+    const _kiv_thread_service* const outer = std::exchange(current_worker, service.get());
     std::vector<job_entry> batch;
     std::unique_lock<std::mutex> lk(service->lock);
     const timer_key limit(clock_type::now(), service->next_seq - 1);
@@ -474,6 +477,7 @@ int kiv_thread_service_run_once(kiv_thread_service_handle service) {
     run_jobs(batch);
     lk.lock();
     while (service->run_timer(lk, limit)) ++count;
+    current_worker = outer;
     return count;
 }
 
@@ -495,9 +499,7 @@ bool kiv_thread_service_wait(kiv_thread_service_handle service, long timeout_ms)
     if (null_handle(service, __func__) || current_worker == service.get()) return false;
     std::unique_lock<std::mutex> lk(service->lock);
     const auto done = [&] { return service->current == state::finished; };
-    if (timeout_ms >= 0) {
-        return service->wake.wait_for(lk, clamp_ms(static_cast<unsigned long>(timeout_ms)), done);
-    }
+    if (timeout_ms >= 0) return service->wake.wait_for(lk, clamp_ms(static_cast<unsigned long>(timeout_ms)), done);
     service->wake.wait(lk, done);
     return true;
 }

@@ -89,7 +89,8 @@ KIV_FRAMEWORK_API int kiv_thread_service_run_once(kiv_thread_service_handle serv
 // returns false. Does nothing once a stop has been requested. Does not wait.
 KIV_FRAMEWORK_API void kiv_thread_service_join(kiv_thread_service_handle service, int code);
 // Blocks until the service has finished and released its handlers. true when finished; false
-// on timeout (timeout_ms >= 0) or when called from the service's own worker.
+// on timeout (timeout_ms >= 0) or when called from the service's own work (on its worker, or
+// inside its run_once), which cannot wait for the service to end.
 KIV_FRAMEWORK_API bool kiv_thread_service_wait(kiv_thread_service_handle service, long timeout_ms = -1);
 // A live (not yet finished) service of that name, or an empty handle.
 KIV_FRAMEWORK_API kiv_thread_service_handle kiv_thread_service_find(std::string name);

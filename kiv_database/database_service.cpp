@@ -1,10 +1,16 @@
 #include "kiv_database/database_service.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <condition_variable>
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "framework/kiv_thread_service.h"
@@ -24,23 +30,60 @@ bool shutdown_requested = false;
 // Guards the registry map, and the statement of a registered connection while a lookup or its
 // destroy job releases it. Never held together with database_mutex or an object mutex.
 std::mutex registry_mutex;
+// Signalled by the finish handler, for the wait at exit.
+std::condition_variable service_finished;
+
+// Set while this thread runs a job or timer that the library forwarded.
+thread_local bool in_forwarded_job = false;
+
+// database_mutex around a call into the thread service. What the thread service destroys of the
+// caller's meanwhile (a core may destroy cleared, replaced or refused work right inside the call)
+// is held back and dies after the unlock: its destructor may call back into the library (a
+// host's guard calling kiv_sqlite_destroy).
+struct service_lock;
+thread_local service_lock* current_service_lock = nullptr;
+
+struct service_lock {
+    std::vector<std::shared_ptr<void>> held_back;  // members go in reverse: after the unlock
+    std::unique_lock<std::mutex> lock{database_mutex};
+    service_lock() { current_service_lock = this; }
+    ~service_lock() { current_service_lock = nullptr; }
+};
 
 // Destroyed first at unload, which -z nodelete puts at process exit. A service still running
-// then (no join; the framework tears its services down after ours when the host created one
-// before loading us) would run destroy jobs and the finish handler on the state above after it
-// is gone: stop it and wait until it has finished. Nothing to do after a join.
+// then (no join) would run destroy jobs and the finish handler on the state above after it is
+// gone: stop it and wait for its finish handler. Not from inside one of its jobs, which would
+// wait for itself; a forked child starts afresh (below), so this is always its own service.
 struct service_drain {
     ~service_drain() {
-        boost::shared_ptr<_kiv_thread_service> service;
-        {
-            std::lock_guard<std::mutex> guard(database_mutex);
-            service = database_service;
-        }
-        if (!service) return;
-        kiv_thread_service_stop(service, nullptr);
-        kiv_thread_service_wait(service);  // returns at once when exit was called on the worker
+        service_lock guard;
+        if (!database_service || in_forwarded_job) return;
+        kiv_thread_service_stop(database_service, [](const boost::shared_ptr<_kiv_thread_service>&) {});
+        service_finished.wait(guard.lock, [] { return !database_service; });
     }
 } drain_at_unload;
+
+// A forked child starts as if the library had just been loaded. The parent's service, objects
+// and registry are its own: releasing them here could run SQLite or framework code that is not
+// fork-safe, on state another thread of the parent may have been changing. So they are left
+// alone, their bytes kept reachable (for leak checkers), and fresh state takes their place. The
+// locks are made anew too: the thread that held one at the fork does not exist here.
+template <class T>
+void start_afresh(T& value) {
+    alignas(T) static unsigned char kept[sizeof(T)];
+    std::memcpy(kept, static_cast<void*>(&value), sizeof(T));
+    new (&value) T();
+}
+
+// NOLINTNEXTLINE(cert-err58-cpp): a C function, it does not throw
+const int fork_handler = pthread_atfork(nullptr, nullptr, [] {
+    start_afresh(database_service);
+    start_afresh(database_objects);
+    start_afresh(sqlite_registry);
+    new (&database_mutex) std::mutex();
+    new (&registry_mutex) std::mutex();
+    shutdown_requested = false;
+});
 
 void service_line(const char* text) { std::cout << text << std::endl; }
 
@@ -53,13 +96,14 @@ void on_service_finished(const boost::shared_ptr<_kiv_thread_service>&, int) {
     boost::shared_ptr<_kiv_thread_service> released;  // dropped after the lock
     std::lock_guard<std::mutex> guard(database_mutex);
     released.swap(database_service);
+    service_finished.notify_all();
 }
 
 // A join stops the service at once when no connection object is alive; otherwise the removal
 // that empties the live-object list stops it (kiv_database_unref).
 bool on_join_requested(const boost::shared_ptr<_kiv_thread_service>&, int) {
     service_line("DATABASE SERVICE SHOT DONW REQUEST");
-    std::lock_guard<std::mutex> guard(database_mutex);
+    service_lock guard;
     shutdown_requested = true;
     if (database_objects.empty()) kiv_thread_service_stop(database_service, on_service_stopped);
     return true;
@@ -77,28 +121,46 @@ void create_service() {
 // see the handle half reset by the finish handler. `forward` gets its own copy of the handle.
 template <class Forward>
 auto with_service(Forward&& forward) {
-    std::lock_guard<std::mutex> guard(database_mutex);
+    service_lock guard;
     return forward(database_service);
 }
 
-// The caller's function, shared between the library and the copy handed to the thread service.
-// That copy may die inside the forwarding call, under database_mutex (a refused job), and a
-// destructor of what the function holds may call back into the library (a host's guard calling
-// kiv_sqlite_destroy). With the library's share dropped only after the lock, such a destructor
-// runs there, or on the worker, never under the lock.
-template <class R>
-using shared_function = std::shared_ptr<std::function<R()>>;
+// Marks the thread as running a forwarded job, for the wait at exit; nests (run_once in a job).
+struct job_marker {
+    const bool outer = std::exchange(in_forwarded_job, true);
+    ~job_marker() { in_forwarded_job = outer; }
+};
 
+// The thread service's copy of a caller's function, shared among the copies it makes. A copy
+// that dies inside a call into the thread service hands its share to the library's lock, which
+// drops it after the unlock (service_lock).
 template <class R>
-shared_function<R> share(std::function<R()>&& function) {
-    return std::make_shared<std::function<R()>>(std::move(function));
-}
+class forwarded {
+public:
+    explicit forwarded(std::function<R()>&& function)
+        : function_(std::make_shared<std::function<R()>>(std::move(function))) {}
+    forwarded(const forwarded&) = default;
+    forwarded(forwarded&&) noexcept = default;  // a moved-from copy holds nothing back
+    forwarded& operator=(const forwarded&) = default;
+    forwarded& operator=(forwarded&&) noexcept = default;
+    ~forwarded() {
+        if (current_service_lock != nullptr && function_)
+            current_service_lock->held_back.push_back(std::move(function_));
+    }
+    R operator()() const {
+        const job_marker marker;
+        return (*function_)();
+    }
 
-// The thread service's copy; empty for an empty function, which the thread service handles.
+private:
+    std::shared_ptr<std::function<R()>> function_;
+};
+
+// Empty for an empty function, which the thread service handles.
 template <class R>
-std::function<R()> forwarded(const shared_function<R>& function) {
-    if (!*function) return {};
-    return [function] { return (*function)(); };
+std::function<R()> forward_function(std::function<R()>&& function) {
+    if (!function) return {};
+    return forwarded<R>(std::move(function));
 }
 
 auto find_object(const _kiv_object* object) {
@@ -109,32 +171,30 @@ auto find_object(const _kiv_object* object) {
 }  // namespace
 
 void kiv_database_init() {
-    std::lock_guard<std::mutex> guard(database_mutex);
+    service_lock guard;
     create_service();
 }
 
 // --- Work scheduling ---
 
-// `own` is declared before the lock is taken, so it goes after the lock is released.
 void kiv_database_exec(std::function<void()> job, std::string file, int line) {
-    const shared_function<void> own = share(std::move(job));
     with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        kiv_thread_service_exec(std::move(service), forwarded(own), std::move(file), line);
+        kiv_thread_service_exec(std::move(service), forward_function(std::move(job)), std::move(file), line);
     });
 }
 
 unsigned long kiv_database_set_timeout(std::function<void()> job, unsigned long delay, std::string file, int line) {
-    const shared_function<void> own = share(std::move(job));
     return with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        return kiv_thread_service_set_timeout(std::move(service), forwarded(own), delay, std::move(file), line);
+        return kiv_thread_service_set_timeout(std::move(service), forward_function(std::move(job)), delay,
+                                              std::move(file), line);
     });
 }
 
 unsigned long kiv_database_set_interval(std::function<bool()> callback, unsigned long interval, std::string file,
                                         int line) {
-    const shared_function<bool> own = share(std::move(callback));
     return with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        return kiv_thread_service_set_interval(std::move(service), forwarded(own), interval, std::move(file), line);
+        return kiv_thread_service_set_interval(std::move(service), forward_function(std::move(callback)), interval,
+                                               std::move(file), line);
     });
 }
 
@@ -169,7 +229,7 @@ void kiv_database_ref(boost::shared_ptr<_kiv_object> object) {
 
 void kiv_database_unref(const boost::shared_ptr<_kiv_object>& object) {
     // The caller's handle keeps the object alive, so no destructor runs under the lock.
-    std::lock_guard<std::mutex> guard(database_mutex);
+    service_lock guard;
     const auto entry = find_object(object.get());
     if (entry == database_objects.end()) return;
     database_objects.erase(entry);

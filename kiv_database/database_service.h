@@ -11,29 +11,42 @@
 /// is alive, otherwise when the last one has been destroyed (each removal prints
 /// "left objects in database reference count: N"). Once stopped it prints
 /// "DATABASE THREAD SERVICE STOPPED" and, when the service has finished, "DATABASE SERVICE DONE".
-/// A join ends a session: kiv_database_init while a join is under way starts nothing, so wait for
-/// the service to finish first (kiv_thread_service_wait).
+/// A join is the end of a session: kiv_database_init while a join is under way starts nothing,
+/// so wait for the service to finish before the next init.
+///
+/// **The framework's part.** The scheduling functions forward to the framework's thread service
+/// with the current service handle, an empty one before init and after the service has
+/// finished. What the thread service then does (the stand-in warns), the unit of delays and
+/// intervals (milliseconds in the stand-in) and the meaning of run_once's result are the
+/// framework's, not this library's.
 ///
 /// **Threads.** Every function here may be called from any thread, also from inside a job or a
-/// timer. SQLite must run in its multi-thread or serialized mode (jobs touch connections on the
-/// worker that other threads created).
+/// timer. SQLite must run in its multi-thread or serialized mode: destroy jobs close connections
+/// on the worker while callers open others.
 ///
 /// **Jobs and what they hold.** The thread service and the library share the function handed in.
-/// Whether it runs, is cleared or is refused (before init, after the service finished), it dies
-/// on the worker or on the calling thread after the library's lock is released, so what it holds
-/// may call back into the library when it goes (a guard whose destructor calls
-/// kiv_sqlite_destroy). It may therefore also die on the scheduling thread, after it has run.
+/// Whether it runs, is cleared or is refused (before init, after the service finished), and
+/// wherever the framework releases it (on its worker, or inside the call that cleared or refused
+/// it), it dies outside the library's lock, so what it holds may call back into the library
+/// when it goes (a guard whose destructor calls kiv_sqlite_destroy).
 ///
 /// **Console.** The service's lines go to `std::cout`, which is the library's console: its stream
-/// buffer must not call back into the library nor throw.
+/// buffer must not call back into the library (some lines are written under the library's lock)
+/// and must not throw.
 ///
-/// **fork().** A child process starts with no service and no objects: handles to objects or to
-/// the service made before fork() are unusable in the child.
+/// **Exit.** With or without a join, a service still running at exit is stopped and its finish
+/// awaited (not when exit is called from one of its jobs), so destroy jobs already posted
+/// complete. Objects never destroyed are closed when their last owner lets go (the framework's
+/// reference is the framework's to release). Exiting from one thread while another still calls
+/// the library is not supported.
+///
+/// **fork().** A child starts as if the library had just been loaded: no service, no objects,
+/// no registry entries. The parent's objects are left to the parent: a handle to one that the
+/// child still holds is unusable there (SQLite forbids using a connection across a fork).
 ///
 /// **Unloading.** The library stays mapped after dlclose (it is linked with `-z nodelete`), so it
 /// may be unloaded in any state: the service running, objects still open. Loading it again finds
-/// the same state. At exit a service still running is stopped and waited for, then objects still
-/// alive are closed.
+/// the same state (a running service, a finished one that init starts anew).
 
 #include <boost/shared_ptr.hpp>
 
@@ -57,9 +70,8 @@ KIV_DATABASE_API void kiv_database_init();
 
 /// Runs `job` once on the database worker.
 ///
-/// Forwards to the framework's kiv_thread_service_exec with the current service; before init and
-/// after the service has finished that service handle is empty, and the framework then refuses
-/// the job with its own warning.
+/// Forwards to the framework's kiv_thread_service_exec with the current service (empty before
+/// init and after the service has finished: what happens to the job then is the framework's).
 /// \param job  the work; shared with the thread service (see the file's notes on what it holds).
 ///             An exception it throws is the framework's to report.
 /// \param file, line  the caller's source position, which the framework uses in its messages.
@@ -70,7 +82,7 @@ KIV_DATABASE_API void kiv_database_exec(std::function<void()> job, std::string f
 /// Runs `job` once on the database worker after `delay`.
 ///
 /// Forwards to the framework's kiv_thread_service_set_timeout with the current service (empty
-/// before init and after the service has finished: the framework's warning, and its result).
+/// before init and after the service has finished: what the framework does then, and its result).
 /// The unit of `delay` is the framework's (the stand-in: milliseconds).
 /// \return the framework's timer id, unchanged, for kiv_database_clear_timeout.
 /// \par Threads
@@ -81,7 +93,7 @@ KIV_DATABASE_API unsigned long kiv_database_set_timeout(std::function<void()> jo
 /// Runs `callback` on the database worker once per `interval`.
 ///
 /// Forwards to the framework's kiv_thread_service_set_interval with the current service (empty
-/// before init and after the service has finished: the framework's warning, and its result).
+/// before init and after the service has finished: what the framework does then, and its result).
 /// What the callback's result means, and the unit of `interval`, are the framework's (the
 /// stand-in: false ends the interval; milliseconds).
 /// \return the framework's timer id, unchanged, for kiv_database_clear_interval.
@@ -108,8 +120,9 @@ KIV_DATABASE_API void kiv_database_clear_interval(unsigned long timer_id);
 
 /// Runs the service's due work on the calling thread.
 ///
-/// Forwards to the framework's kiv_thread_service_run_once, without holding the library's lock,
-/// so the work it runs may call the library.
+/// Forwards to the framework's kiv_thread_service_run_once (the stand-in runs the due work on
+/// the calling thread), without holding the library's lock, so the work it runs may call the
+/// library.
 /// \return the framework's result, unchanged.
 /// \par Threads
 /// Any thread.
@@ -122,7 +135,8 @@ KIV_DATABASE_API int kiv_database_run_once();
 /// the caller's to keep: do not look up a connection whose owner is still using it on another
 /// thread).
 /// \return a new handle to the object; empty if no open connection has that name, and empty for
-/// one already handed to kiv_sqlite_destroy (its destroy job still closes it).
+/// one already handed to kiv_sqlite_destroy when the framework's base object records that
+/// ("object-destroyed"); its destroy job on the worker closes it either way.
 /// \par Threads
 /// Any thread, also racing other lookups of the same name or the object's destroy job: the
 /// statement is released once.

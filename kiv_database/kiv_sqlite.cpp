@@ -131,9 +131,20 @@ void _kiv_sqlite::finalize() {
     if (owner != db) sqlite3_close(owner);
 }
 
-// Forced inline: they sit on every per-row call, where a call frame of our own would show.
+// Each check reports the line on which its call stands. Forced inline: they sit on every per-row
+// call, where a call frame of our own would show.
 [[gnu::always_inline]] inline void _kiv_sqlite::check_db(int line) {
     kiv_assertion_faild(db != nullptr, "db!=nullptr", "database must be opened", source_file, line);
+}
+
+[[gnu::always_inline]] inline void _kiv_sqlite::check_no_db(int line) {
+    kiv_assertion_faild(db == nullptr, "db==nullptr", "Trying to open already opened database object", source_file,
+                        line);
+}
+
+[[gnu::always_inline]] inline void _kiv_sqlite::check_no_statement(int line) {
+    kiv_assertion_faild(stmt == nullptr, "stmt==nullptr", "database statement must not be opened already", source_file,
+                        line);
 }
 
 [[gnu::always_inline]] inline void _kiv_sqlite::check_statement(int line) {
@@ -159,14 +170,12 @@ std::string kiv_sqlite_get_name(boost::shared_ptr<_kiv_sqlite> handle) {
 // Opening and closing
 
 int _kiv_sqlite::open() {
-    kiv_assertion_faild(db == nullptr, "db==nullptr", "Trying to open already opened database object", source_file,
-                        __LINE__);
+    check_no_db(__LINE__);
     return open_with(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
 }
 
 int _kiv_sqlite::try_open() {
-    kiv_assertion_faild(db == nullptr, "db==nullptr", "Trying to open already opened database object", source_file,
-                        __LINE__);
+    check_no_db(__LINE__);
     return open_with(SQLITE_OPEN_READWRITE);
 }
 
@@ -280,8 +289,7 @@ int _kiv_sqlite::sql_stmt(const char* sql, char** errmsg) {
 
 int _kiv_sqlite::prepare(std::string sql) {
     check_db(__LINE__);
-    kiv_assertion_faild(stmt == nullptr, "stmt==nullptr", "database statement must not be opened already", source_file,
-                        __LINE__);
+    check_no_statement(__LINE__);
     // A held statement is never replaced: it would leak.
     if (db == nullptr || stmt != nullptr) return SQLITE_MISUSE;
     return sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr);

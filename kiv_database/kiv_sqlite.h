@@ -24,7 +24,8 @@
 /// connection and statement: hand an object over between threads, or do all its work in jobs on
 /// the database worker (kiv_database_exec). kiv_sqlite_get_name, kiv_sqlite_is_opened,
 /// kiv_sqlite_destroy and lookups by name (kiv_database_get_sqlite) are safe from any thread.
-/// SQLite must run in its multi-thread or serialized mode.
+/// SQLite must run in its multi-thread or serialized mode: destroy jobs close connections on the
+/// database worker while callers open others.
 ///
 /// **Ownership.** Objects come only from kiv_sqlite_new and go only through kiv_sqlite_destroy;
 /// dropping the handles alone keeps the object alive (and the database service from shutting
@@ -32,7 +33,7 @@
 /// starts with no service and no objects.
 ///
 /// **Console.** Warnings go to `std::cout`, the library's console: its stream buffer must not
-/// call back into the library nor throw.
+/// call back into the library (the service writes some lines under its lock) and must not throw.
 
 #include <sqlite3.h>
 
@@ -135,6 +136,8 @@ private:
     KIV_DATABASE_LOCAL void close_connection(int line);
     KIV_DATABASE_LOCAL void check_db(int line);
     KIV_DATABASE_LOCAL void check_statement(int line);
+    KIV_DATABASE_LOCAL void check_no_db(int line);
+    KIV_DATABASE_LOCAL void check_no_statement(int line);
 };
 
 /// \name Creation and naming
@@ -208,10 +211,12 @@ KIV_DATABASE_API bool kiv_sqlite_is_opened(boost::shared_ptr<_kiv_sqlite> handle
 /// live objects (printing how many are left).
 ///
 /// Do not use the object after this call: the job owns it from then on, and lookups by name no
-/// longer hand it out. A second call only warns, naming `file`:`line`. While no database service
-/// runs (before kiv_database_init, after the service finished) the job is refused: the object
-/// stays marked, open and tracked, a later destroy only warns, and a join of a later service
-/// never ends. To destroy an object from inside its own kiv_sqlite_rows_each callback, return
+/// longer hand it out. A second call only warns, naming `file`:`line`, when the framework's base
+/// object records destruction ("object-destroyed"); otherwise it posts a second job, which finds
+/// the object closed and untracked and does nothing. While no database service runs (before
+/// kiv_database_init, after the service finished) the job is refused: the object stays marked,
+/// open and tracked, a later destroy only warns (or posts again, as above), and a join of a later
+/// service never ends. To destroy an object from inside its own kiv_sqlite_rows_each callback, return
 /// false from that callback.
 /// \param file, line  the caller's source position (`__FILE__`, `__LINE__`), named in the warning.
 /// \return true; false for an empty handle.

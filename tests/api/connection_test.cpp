@@ -41,7 +41,7 @@ TEST(Connection, OpenCloseRegistryAndMemory) {
     std::vector<std::string> made;
     for (const kiv_test::assertion_call& a : assertions.take()) {
         made.push_back(std::to_string(a.cond) + a.cond_text + " " + a.message);
-        EXPECT_NE(source.at(a.line).find("__LINE__"), std::string::npos) << a.line;
+        EXPECT_NE(source.at(a.line).find("(__LINE__);"), std::string::npos) << a.line;
     }
     EXPECT_EQ(made, expected);
 

@@ -79,7 +79,7 @@ TEST(HostSafety, GuardsDestroyWhereverTheirFunctionDies) {
         within_deadline(what, [&] { return !kiv_sqlite_is_opened(db); });
     }
     EXPECT_NE(kiv_database_set_timeout([] {}, 0, __FILE__, __LINE__), 0u) << "the thread service's id";
-    kiv_thread_service_join_all(0);
+    EXPECT_TRUE(kiv_test::join_database_service(0, -1));
     EXPECT_TRUE(kiv_sqlite_is_opened(guarded(run_job)));  // after the finish
 }
 

@@ -60,4 +60,52 @@ TEST(HostProcess, ExitClosesOpenConnections) {
     }
 }
 
+// Forked children, exits and a host that pumps the service, each in a child whose hang ends by
+// an alarm. The parent has an open connection, a registry entry and a service when it forks: a
+// child starts without them, and its commits reach the parent's database.
+TEST(HostProcess, ForkedChildrenExitsAndPumpedJoinsEnd) {
+    kiv_test::temp_dir dir;
+    const std::string path = dir.file("db");
+#ifndef __SANITIZE_THREAD__  // which cannot follow the threads of a child of a process with threads
+    kiv_database_init();
+#endif
+    const kiv_sqlite_handle parent = kiv_sqlite_new(path, "shared");
+    ASSERT_EQ(kiv_sqlite_open(parent), SQLITE_OK);
+    ASSERT_EQ(kiv_sqlite_sql_stmt(parent, "PRAGMA journal_mode=WAL; CREATE TABLE t(v)", nullptr), SQLITE_OK);
+    const auto write = [&](int v) {  // a new connection of the child's, one row committed, left open
+        const kiv_sqlite_handle db = kiv_sqlite_new(path, "shared");
+        EXPECT_EQ(kiv_sqlite_open(db) + kiv_sqlite_sql_stmt(db, ("INSERT INTO t VALUES(" + std::to_string(v) + ")").c_str(), nullptr), 0);
+        return db;
+    };
+    const std::function<void()> children[] = {
+        [] {},  // never calls the library
+        [&] {  // a whole session; the second destroy warns, or on a core without "object-destroyed"
+            kiv_database_init();  // posts a second job, which finds nothing to do
+            const kiv_sqlite_handle db = write(1);
+            kiv_sqlite_destroy(db, __FILE__, __LINE__), kiv_sqlite_destroy(db, __FILE__, __LINE__);
+            kiv_test::join_database_service(0, -1);
+        },
+        [&] { kiv_database_init(), write(2); },  // exits with the service running, the object never destroyed
+        [&] { kiv_database_init(), write(3), kiv_thread_service_join(kiv_thread_service_find("database"), 0); },  // draining
+        [&] { kiv_database_init(), kiv_test::join_database_service(0, -1), write(4); },  // the service finished
+        [&] {  // a quit job run by the host's own run_once destroys the last object and joins
+            kiv_database_init();
+            const kiv_sqlite_handle db = write(5);
+            const std::thread::id host = std::this_thread::get_id();
+            std::function<void()> quit = [&] {
+                if (std::this_thread::get_id() != host) return kiv_database_exec(quit, __FILE__, __LINE__);
+                kiv_sqlite_destroy(db, __FILE__, __LINE__), kiv_test::join_database_service(0, -1);
+            };
+            kiv_database_exec(quit, __FILE__, __LINE__);
+            while (kiv_database_run_once() >= 0) {}  // -1 once the service has finished
+        }};
+    for (const auto& child : children) {
+        EXPECT_EQ(kiv_test::run_in_child([&]() -> int { child(), std::exit(0); }, 10), 0) << &child - children;
+    }
+    EXPECT_EQ(kiv_test::query(parent, "SELECT group_concat(v) FROM t"), "1,2,3,4,5");
+    kiv_database_init();
+    kiv_sqlite_destroy(parent, __FILE__, __LINE__);
+    EXPECT_TRUE(kiv_test::join_database_service());
+}
+
 }  // namespace
