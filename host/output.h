@@ -89,6 +89,8 @@ public:
     // when a result had begun since the last finish.
     bool finish();
     std::size_t rows() const { return rows_; }
+    // The next result is not set off from the one before by a blank line (a new prompt is).
+    void start_group() { separate_ = false; }
     // "(N rows)" after a table that was printed to its end.
     void put_row_count();
 

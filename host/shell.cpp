@@ -147,6 +147,7 @@ void run_terminal(shell& sh) {
     statement_splitter splitter;
     while (!stopped(sh)) {
         interrupted = 0;
+        sh.printer.start_group();
         const std::unique_ptr<char, decltype(&std::free)> line(
             readline(splitter.blank() ? prompt : continuation_prompt), &std::free);
         if (line == nullptr && interrupted == 0) break;  // Ctrl-D or the end of input
