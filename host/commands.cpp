@@ -65,7 +65,6 @@ int parse_switch(const std::string& word) {
 template <typename Each>
 bool query_names(shell& sh, const char* sql, const std::string& parameter, Each each) {
     const kiv_sqlite_handle& db = sh.db.handle();
-    ++sh.statements;
     int rc = kiv_sqlite_prepare(db, sql);
     if (rc == SQLITE_OK) rc = kiv_sqlite_bind_text(db, 1, parameter.data(), parameter.size());
     while (rc == SQLITE_OK || rc == SQLITE_ROW) {
@@ -80,7 +79,7 @@ bool query_names(shell& sh, const char* sql, const std::string& parameter, Each 
     }
     kiv_sqlite_finalize(db);
     if (rc == SQLITE_DONE) return true;
-    report_error(sh.out, sh.path, sh.statements, error);
+    report_error(sh.out, sh.path, 0, error);
     ++sh.errors;
     return false;
 }
@@ -115,6 +114,7 @@ bool set_mode(shell& sh, const words& args) {
 
 bool redirect_output(shell& sh, const words& args) {
     const bool once = args[0] == ".once";
+    sh.printer.start_group();  // a new file, or back to one, begins without a blank line
     if (args.size() == 1 || (!once && args[1] == "stdout")) {
         sh.out.redirect(nullptr);
         sh.once = false;

@@ -108,6 +108,7 @@ bool run_sql(shell& sh, const std::string& statement) {
     if (sh.once) {
         sh.once = false;
         sh.out.redirect(nullptr);
+        sh.printer.start_group();
     }
     return ok;
 }

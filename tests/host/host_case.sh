@@ -81,6 +81,107 @@ errors) # the rows before an error print, then the error; later statements never
   e 2 "--help takes no other arguments" --help x.db
   NOS=1 t "--version" 0 "kiv_host $4" "" --version
   [ "$("$host" --help | head -1)" = "Usage: kiv_host [OPTION]... PATH [SQL|.COMMAND]..." ] || { echo "--help"; fails=$((fails + 1)); } ;;
+commands) # dot-commands and the options that match them, as arguments
+  "$host" c.db "CREATE TABLE t(a INTEGER, b TEXT); INSERT INTO t VALUES (1, 'x'), (2, NULL)" "CREATE VIEW v AS SELECT 1" 2>/dev/null
+  printf 'SELECT 3 AS n;\n.mode csv\nSELECT 4 AS n;\n' >r.sql; Q="SELECT * FROM t"
+  t ".tables" 0 "$(printf 't\nv\nt')" "" c.db .tables ".tables t%"
+  t ".schema" 0 "CREATE TABLE t(a INTEGER, b TEXT);" "" c.db ".schema t"
+  t "list, separator, nullvalue, headers" 0 "$(printf 'a;b\n1;x\n2;-\n1;x\n2;-')" "" c.db ".mode list" \
+    ".separator ;" ".nullvalue -" "$Q" ".headers off" "$Q"
+  t ".mode line" 0 "$(printf 'a = 1\nb = x\n\na = 2\nb = ')" "" c.db ".mode line" "$Q"
+  t ".mode json" 0 "$(printf '[{"a":1,"b":"x"},\n{"a":2,"b":null}]')" "" c.db ".mode json" "$Q"
+  t "-csv -noheader -cmd" 0 "$(printf '1,x\n2,N')" "" -csv -noheader -cmd ".nullvalue N" c.db "$Q"
+  t ".once" 0 "$(printf 'two\n---\n  2\n(1 row)')" "" c.db ".once o.txt" "SELECT 1 AS one" "SELECT 2 AS two"
+  [ "$(cat o.txt)" = "$(printf 'one\n---\n  1\n(1 row)')" ] || { echo ".once: $(cat o.txt)"; fails=$((fails + 1)); }
+  t ".read" 0 "$(printf 'n\n-\n3\n(1 row)\n\nn\n4')" "" c.db ".read r.sql"
+  t ".bail off" 1 "$(printf 'n\n-\n5\n(1 row)')" "$(printf 'kiv_host: c.db: statement 1: SQLite error 1: near "SELEC": syntax error\n  in: SELEC')" \
+    c.db ".bail off" SELEC "SELECT 5 AS n"
+  t ".changes" 0 "$(printf 'changes: 0   total_changes: 0\nchanges: 2   total_changes: 2')" "" \
+    :memory: ".changes on" "CREATE TABLE m(a)" "INSERT INTO m VALUES (1), (2)"
+  t "-readonly" 1 "" "$(printf 'kiv_host: c.db: statement 1: SQLite error 8: attempt to write a readonly database\n  in: DELETE FROM t')" \
+    -readonly c.db "DELETE FROM t"
+  t ".quit" 0 "" "" c.db .quit "SELECT 1"
+  # c ARGUMENT MESSAGE: a command refused, and nothing after it runs
+  c() { t "$1" 1 "" "kiv_host: $2" c.db "$1" "SELECT 1"; }
+  c .bogus "unknown command '.bogus' (.help lists the commands)"
+  c ".headers maybe" "usage: .headers on|off"
+  c ".mode box" "unknown mode 'box' (table, csv, list, line, json)"
+  c ".timeout 1x" ".timeout: not a number of milliseconds: 1x"
+  c ".import only.csv" "usage: .import [--csv] FILE TABLE"
+  c ".read missing.sql" ".read: missing.sql: No such file or directory" ;;
+session) # standard input as a stream: statements over lines, commands between, errors go on
+  printf '%s\n' "CREATE TABLE s(a); INSERT INTO s" "  VALUES (1), ('two;');" ".mode csv" "-- a comment" \
+    "SELECT * FROM s;" "SELEC;" "SELECT count(*) AS n FROM s" >in
+  E=$(printf 'kiv_host: s.db: statement 4: SQLite error 1: near "SELEC": syntax error\n  in: SELEC;')
+  IN=in t "piped session" 1 "$(printf 'a\n1\ntwo;\n\nn\n2')" "$E" s.db
+  E=$(printf '%s\n' "$E" | sed 's/s\.db/s2.db/')
+  IN=in t "-bail" 1 "a
+1
+two;" "$E" -bail s2.db
+  # A statement runs as soon as its line is read, while standard input stays open.
+  mkfifo fifo; "$host" -list s.db <fifo >out 2>err & exec 3>fifo; echo "SELECT 40 + 2 AS n;" >&3
+  i=0; while [ $i -lt 100 ] && ! grep -q 42 out; do sleep 0.1; i=$((i + 1)); done
+  grep -q 42 out || { echo "streaming: no result while standard input was open"; fails=$((fails + 1)); }
+  exec 3>&-; wait ;;
+import) # a CSV with quoted commas, quotes and line ends; the table made from its header line
+  printf 'name,"note, quoted",n\r\n"Smith, J","line one\nline two",1\r\nplain,"say ""hi""",2\n\nshort\n' >a.csv
+  W="kiv_host: a.csv:6: expected 3 columns, found 1: the rest are NULL"
+  t ".import" 0 "$(printf 'name,"note, quoted",n\n"Smith, J","line one\nline two",1\nplain,"say ""hi""",2\nshort,,')" "$W" \
+    -csv i.db ".import a.csv p" "SELECT * FROM p"
+  t "into an existing table" 0 "$(printf 'count(*),typeof(n)\n7,text')" "$W" -csv i.db ".import --csv a.csv p" \
+    "SELECT count(*), typeof(n) FROM p" ;;
+terminal) # a person at a terminal, under tmux: what the screen shows, and the exit status
+  X="tmux -L kiv_host_test$$ -f /dev/null"
+  $X new-session -d -x 120 -y 50 "HOME=$PWD LANG=C.UTF-8 $host i.db; echo \$? >st; sleep 600" || exit 1
+  # w LINE: waits until the screen shows LINE; k TEXT: at the next prompt, types TEXT and Enter
+  # (a final ';' is escaped, which tmux would take as its own)
+  w() { i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep -qxF "$1"; do sleep 0.1; i=$((i + 1)); done; }
+  k() { i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep . | tail -1 | grep -qx 'kiv_host>\|   \.\.\.>'; do
+      sleep 0.1; i=$((i + 1)); done; $X send-keys -l "${1%;}"; [ "${1%;}" = "$1" ] || $X send-keys '\;'; $X send-keys Enter; }
+  k "CREATE TABLE t("; k "a INTEGER, b TEXT);"; k "INSERT INTO t VALUES (1, 'one'), (2, '日本');"
+  k "SELECT * FROM t;"; k .tables; k .schema; k ".mode csv"; k "SELECT * FROM t;"; k "SELEC;"
+  k "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;"
+  w n; $X send-keys C-c; w "  in: WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;"
+  k "SELECT 3"; w "   ...> SELECT 3"; $X send-keys C-c; k "SELECT 4;"; k .quit
+  i=0; while [ $i -lt 100 ] && [ ! -s st ]; do sleep 0.1; i=$((i + 1)); done
+  $X capture-pane -p -S 0 -E 49 | sed -e :a -e '/^\n*$/{$d;N;ba' -e '}' >screen; $X kill-server
+  cat >want <<E
+kiv_host 1.0.0 on i.db: SQL ends with ";", .help lists the commands, Ctrl-D leaves
+kiv_host> CREATE TABLE t(
+   ...> a INTEGER, b TEXT);
+kiv_host> INSERT INTO t VALUES (1, 'one'), (2, '日本');
+kiv_host> SELECT * FROM t;
+a  b
+-  ----
+1  one
+2  日本
+(2 rows)
+kiv_host> .tables
+t
+kiv_host> .schema
+CREATE TABLE t(
+a INTEGER, b TEXT);
+kiv_host> .mode csv
+kiv_host> SELECT * FROM t;
+a,b
+1,one
+2,日本
+kiv_host> SELEC;
+kiv_host: i.db: statement 5: SQLite error 1: near "SELEC": syntax error
+  in: SELEC;
+kiv_host> WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;
+n
+^Ckiv_host: i.db: statement 6: SQLite error 9: interrupted
+  in: WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;
+kiv_host> SELECT 3
+   ...>
+kiv_host> SELECT 4;
+4
+4
+kiv_host> .quit
+$S
+E
+  [ "$(cat st)" = 0 ] && cmp -s want screen || { echo "terminal: status $(cat st)"; diff want screen; fails=$((fails + 1)); } ;;
 esac
 [ $fails -eq 0 ] && echo "$3: ok"
 exit $fails
