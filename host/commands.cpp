@@ -131,13 +131,21 @@ bool redirect_output(shell& sh, const words& args) {
 }
 
 bool read_file(shell& sh, const words& args) {
+    // A file that reads itself would recurse until the stack runs out.
+    static int depth = 0;
+    if (depth == 32) {
+        report_failure(sh, ".read: " + args[1] + ": files nested 32 deep");
+        return false;
+    }
     std::FILE* file = std::fopen(args[1].c_str(), "r");
     if (file == nullptr) {
         report_failure(sh, ".read: " + args[1] + ": " + std::strerror(errno));
         return false;
     }
     const std::size_t errors = sh.errors;
+    ++depth;
     run_stream(sh, file);
+    --depth;
     std::fclose(file);
     return sh.errors == errors;
 }
