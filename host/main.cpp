@@ -5,6 +5,8 @@
 //   kiv_host [options] PATH               a session on standard input (a terminal or a stream)
 //   kiv_host [options] PATH -             SQL read from standard input, stopping at an error
 
+#include <pthread.h>
+#include <signal.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -116,9 +118,20 @@ private:
     std::streambuf* const saved_;
 };
 
+// Starts the database service with SIGINT blocked, so that its worker inherits the block and
+// Ctrl-C always reaches this thread, the one that reads the terminal and interrupts statements.
+void init_database_service() {
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &interrupt, nullptr);
+    kiv_database_init();
+    pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
+}
+
 int run(const kiv_host::options& opts) {
     kiv_host::output out;
-    kiv_database_init();
+    init_database_service();
     int status = exit_ok;
     try {
         // Every connection object lives inside these calls and is destroyed on the way out.

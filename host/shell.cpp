@@ -5,7 +5,6 @@
 #include <sqlite3.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -17,9 +16,10 @@ namespace kiv_host {
 
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+std::atomic<int> interrupted{0};
 std::atomic<sqlite3*> interrupt_target{nullptr};
-static_assert(std::atomic<sqlite3*>::is_always_lock_free, "read in a signal handler");
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<sqlite3*>::is_always_lock_free,
+              "used in a signal handler");
 
 // SQLite allows sqlite3_interrupt from any thread at any time while the connection is open;
 // with no statement running it has no effect on the next one.

@@ -58,7 +58,7 @@ bool statement_splitter::at_statement_end(std::size_t semicolon) {
 bool statement_splitter::next(std::string& statement) {
     const std::size_t n = pending_.size();
     const char* const text = pending_.data();
-    for (; pos_ < n; ++pos_) {
+    while (pos_ < n) {
         const char c = text[pos_];
         // A two-character token may be cut at the end of a piece: wait for the next one.
         const bool may_pair = state_ == state::code ? c == '-' || c == '/' : state_ == state::block_comment && c == '*';
@@ -81,9 +81,10 @@ bool statement_splitter::next(std::string& statement) {
                 if (c == '*' && text[pos_ + 1] == '/') state_ = state::code, ++pos_;
                 break;
         }
-        if (c != ';' || state_ != state::code || !at_statement_end(pos_)) continue;
+        ++pos_;
+        if (c != ';' || state_ != state::code || !at_statement_end(pos_ - 1)) continue;
         const std::size_t begin = start_;
-        start_ = ++pos_;
+        start_ = pos_;
         if (skip_filler(text, start_, begin, true) == start_) continue;
         statement.assign(text + begin, start_ - begin);
         return true;

@@ -110,7 +110,7 @@ commands) # dot-commands and the options that match them, as arguments
   c ".import only.csv" "usage: .import [--csv] FILE TABLE"
   c ".read missing.sql" ".read: missing.sql: No such file or directory" ;;
 session) # standard input as a stream: statements over lines, commands between, errors go on
-  printf '%s\n' "CREATE TABLE s(a); INSERT INTO s" "  VALUES (1), ('two;');" ".mode csv" "-- a comment" \
+  printf '%s\n' "CREATE TABLE s(a); INSERT INTO s" "  VALUES (1), ('two;');" ".mode csv" ";-- it's a comment, after an empty statement" \
     "SELECT * FROM s;" "SELEC;" "SELECT count(*) AS n FROM s" >in
   E=$(printf 'kiv_host: s.db: statement 4: SQLite error 1: near "SELEC": syntax error\n  in: SELEC;')
   IN=in t "piped session" 1 "$(printf 'a\n1\ntwo;\n\nn\n2')" "$E" s.db
@@ -133,16 +133,18 @@ import) # a CSV with quoted commas, quotes and line ends; the table made from it
 terminal) # a person at a terminal, under tmux: what the screen shows, and the exit status
   X="tmux -L kiv_host_test$$ -f /dev/null"
   $X new-session -d -x 120 -y 50 "HOME=$PWD LANG=C.UTF-8 $host i.db; echo \$? >st; sleep 600" || exit 1
-  # w LINE: waits until the screen shows LINE; k TEXT: at the next prompt, types TEXT and Enter
-  # (a final ';' is escaped, which tmux would take as its own)
+  # w LINE: waits until the screen shows LINE; p: until the last line is a prompt; k TEXT: at
+  # the next prompt, types TEXT and Enter (a final ';' escaped, which tmux would take as its own)
   w() { i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep -qxF "$1"; do sleep 0.1; i=$((i + 1)); done; }
-  k() { i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep . | tail -1 | grep -qx 'kiv_host>\|   \.\.\.>'; do
-      sleep 0.1; i=$((i + 1)); done; $X send-keys -l "${1%;}"; [ "${1%;}" = "$1" ] || $X send-keys '\;'; $X send-keys Enter; }
+  p() { i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep . | tail -1 | grep -qx 'kiv_host>\|   \.\.\.>'; do
+      sleep 0.1; i=$((i + 1)); done; }
+  k() { p; $X send-keys -l "${1%;}"; [ "${1%;}" = "$1" ] || $X send-keys '\;'; $X send-keys Enter
+    i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep -qF -- "$1"; do sleep 0.1; i=$((i + 1)); done; }
   k "CREATE TABLE t("; k "a INTEGER, b TEXT);"; k "INSERT INTO t VALUES (1, 'one'), (2, '日本');"
   k "SELECT * FROM t;"; k .tables; k .schema; k ".mode csv"; k "SELECT * FROM t;"; k "SELEC;"
   k "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;"
   w n; $X send-keys C-c; w "  in: WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;"
-  k "SELECT 3"; w "   ...> SELECT 3"; $X send-keys C-c; k "SELECT 4;"; k .quit
+  k "SELECT 3"; p; $X send-keys C-c; k "SELECT 4;"; k .quit
   i=0; while [ $i -lt 100 ] && [ ! -s st ]; do sleep 0.1; i=$((i + 1)); done
   $X capture-pane -p -S 0 -E 49 | sed -e :a -e '/^\n*$/{$d;N;ba' -e '}' >screen; $X kill-server
   cat >want <<E
