@@ -118,7 +118,8 @@ int import_job::table_columns(const std::string& table) {
     const kiv_sqlite_handle& db = sh.db.handle();
     if (kiv_sqlite_prepare(db, "SELECT count(*) FROM pragma_table_info(?1)") != SQLITE_OK ||
         kiv_sqlite_bind_text(db, 1, table.data(), table.size()) != SQLITE_OK || kiv_sqlite_step(db) != SQLITE_ROW) {
-        return fail("reading the columns of " + table), -1;
+        fail("reading the columns of " + table);
+        return -1;
     }
     const int columns = kiv_sqlite_column_int(db, 0);
     kiv_sqlite_finalize(db);
