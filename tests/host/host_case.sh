@@ -122,6 +122,11 @@ two;" "$E" -bail s2.db
   mkfifo fifo; "$host" -list s.db <fifo >out 2>err & exec 3>fifo; echo "SELECT 40 + 2 AS n;" >&3
   i=0; while [ $i -lt 100 ] && ! grep -q 42 out; do sleep 0.1; i=$((i + 1)); done
   grep -q 42 out || { echo "streaming: no result while standard input was open"; fails=$((fails + 1)); }
+  # While that session holds a write lock, another run waits its timeout, then names the statement.
+  echo "BEGIN EXCLUSIVE; INSERT INTO s VALUES (3); SELECT 43;" >&3
+  i=0; while [ $i -lt 100 ] && ! grep -q 43 out; do sleep 0.1; i=$((i + 1)); done
+  t "locked" 1 "" "$(printf 'kiv_host: s.db: statement 1: SQLite error 5: database is locked\n  in: SELECT count(*) FROM s')" \
+    -timeout 200 s.db "SELECT count(*) FROM s"
   exec 3>&-; wait ;;
 import) # a CSV with quoted commas, quotes and line ends; the table made from its header line
   printf 'name,"note, quoted",n\r\n"Smith, J","line one\nline two",1\r\nplain,"say ""hi""",2\n\nshort\n' >a.csv
