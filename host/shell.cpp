@@ -136,14 +136,14 @@ void run_stream(shell& sh, std::FILE* in) {
 }
 
 void run_terminal(shell& sh) {
-    // Prompts go where the user looks, not into a file that standard output was sent to.
+    // The greeting and prompts go where the user looks, not into a file that standard output
+    // was sent to.
     rl_outstream = ::isatty(STDOUT_FILENO) != 0 ? stdout : stderr;
     const std::string history = history_file();
     using_history();
     if (!history.empty()) read_history(history.c_str());
-    sh.out.text() += "kiv_host " KIV_HOST_VERSION " on " + sh.path +
-                     ": SQL ends with \";\", .help lists the commands, Ctrl-D leaves\n";
-    sh.out.flush();
+    std::fprintf(rl_outstream, "kiv_host %s on %s: SQL ends with \";\", .help lists the commands, Ctrl-D leaves\n",
+                 KIV_HOST_VERSION, sh.path.c_str());
     const interrupt_handler handler(sh.db.sqlite());
     statement_splitter splitter;
     while (!stopped(sh)) {
