@@ -1,15 +1,21 @@
 #!/usr/bin/env python3
-"""kiv_host beside the sqlite3 shell on one large result.
+"""kiv_host beside the sqlite3 shell: a large result, a long piped script and a CSV import.
 
-Builds (once) a database with a 2,000,000-row table b(id INTEGER, name TEXT, value REAL,
-n INTEGER), then runs `SELECT * FROM b` in rounds, the three programs interleaved and their
-order rotated each round: the sqlite3 shell in its default list mode, kiv_host (aligned table)
-and kiv_host --csv, all writing to /dev/null. Prints per program the wall and CPU time, the peak
-resident memory, the ratios of wall and CPU time to the shell's in the same round
-(min/median/max over the rounds), and how long `| head -3` takes for each.
+Three workloads, each run by the sqlite3 shell and by kiv_host in rounds, the programs of a
+workload interleaved and their order rotated each round:
+  select  `SELECT * FROM b` on a 2,000,000-row table b(id INTEGER, name TEXT, value REAL,
+          n INTEGER), output to /dev/null: the shell in its list mode, kiv_host (aligned table)
+          and kiv_host --csv; also how long `| head -3` takes.
+  insert  a script of 1,000,000 single-row INSERTs inside one transaction, piped into each
+          program on a new database file.
+  import  `.import --csv` of a 1,000,000-row CSV file (a quoted field with a comma in every
+          row) into a new table of a new database file.
+Prints per program the wall and CPU time, the ratios of wall and CPU time to the shell's in the
+same round (min/median/max over the rounds) and the peak resident memory; for insert and import
+also the peak memory with an input a tenth as long, which shows whether memory grows with it.
 
-  python3 bench/host_vs_shell.py [--host build/kiv_host] [--db build/host-bench/big.db]
-                                 [--rounds 7]
+  python3 bench/host_vs_shell.py [--host build/kiv_host] [--dir build/host-bench]
+                                 [--rounds 7] [--workloads select,insert,import]
 Needs the sqlite3 shell and /usr/bin/time (Debian packages sqlite3 and time).
 """
 import argparse
@@ -21,12 +27,12 @@ import sys
 import time
 
 ROWS = 2_000_000
+LINES = 1_000_000
 QUERY = "SELECT * FROM b"
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 
 def make_database(path):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
     tmp = path + ".tmp"
     if os.path.exists(tmp):
         os.remove(tmp)
@@ -37,14 +43,32 @@ def make_database(path):
     os.replace(tmp, path)
 
 
-def run(command, rss_file):
+def make_script(path, lines):
+    with open(path, "w") as f:
+        f.write("CREATE TABLE t(id INTEGER, name TEXT, value REAL);\nBEGIN;\n")
+        for i in range(lines):
+            f.write("INSERT INTO t VALUES (%d, 'name-%d', %d.5);\n" % (i, i % 1000, i))
+        f.write("COMMIT;\n")
+
+
+def make_csv(path, lines):
+    with open(path, "w") as f:
+        f.write("id,name,value\n")
+        for i in range(lines):
+            f.write('%d,"name, %d",%d.5\n' % (i, i % 1000, i))
+
+
+def run(command, rss_file, stdin=None, fresh=None):
     """Wall seconds, CPU seconds and peak RSS in MB of one run with output to /dev/null. CPU
     time and RSS come from /usr/bin/time: a child forked from Python would count Python's own
-    pages in its peak."""
-    start = time.perf_counter()
-    subprocess.run(["/usr/bin/time", "-f", "%M %U %S", "-o", rss_file] + command, check=True,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    elapsed = time.perf_counter() - start
+    pages in its peak. `fresh` is a database file removed first."""
+    if fresh and os.path.exists(fresh):
+        os.remove(fresh)
+    with open(stdin or os.devnull) as source:
+        start = time.perf_counter()
+        subprocess.run(["/usr/bin/time", "-f", "%M %U %S", "-o", rss_file] + command, check=True,
+                       stdin=source, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        elapsed = time.perf_counter() - start
     with open(rss_file) as f:
         kilobytes, user, system = f.read().split()[-3:]
     return elapsed, float(user) + float(system), int(kilobytes) / 1024.0
@@ -62,56 +86,92 @@ def head3(command):
     return time.perf_counter() - start
 
 
+def workloads(args):
+    """Per workload: {program: (command, stdin, fresh database, the same for a tenth)}."""
+    d, host = args.dir, args.host
+    db, new = os.path.join(d, "big.db"), os.path.join(d, "new.db")
+    script, small_script = os.path.join(d, "insert.sql"), os.path.join(d, "insert-small.sql")
+    csv, small_csv = os.path.join(d, "rows.csv"), os.path.join(d, "rows-small.csv")
+    if "select" in args.workloads and not os.path.exists(db):
+        print("creating %s (%d rows) ..." % (db, ROWS), flush=True)
+        make_database(db)
+    for path, make, lines in ((script, make_script, LINES), (small_script, make_script, LINES // 10),
+                              (csv, make_csv, LINES), (small_csv, make_csv, LINES // 10)):
+        if not os.path.exists(path):
+            make(path, lines)
+    imp = lambda f: ".import --csv %s t" % f
+    all_loads = {
+        "select": {"sqlite3 (list)": (["sqlite3", db, QUERY], None, None, None),
+                   "kiv_host": ([host, "--no-create", db, QUERY], None, None, None),
+                   "kiv_host --csv": ([host, "--csv", "--no-create", db, QUERY], None, None, None)},
+        "insert": {"sqlite3": (["sqlite3", new], script, new, small_script),
+                   "kiv_host": ([host, new], script, new, small_script)},
+        "import": {"sqlite3": (["sqlite3", new, imp(csv)], None, new, imp(small_csv)),
+                   "kiv_host": ([host, new, imp(csv)], None, new, imp(small_csv))},
+    }
+    return {name: all_loads[name] for name in args.workloads}
+
+
+def small_rss(program, rss_file):
+    """Peak RSS with the input a tenth as long."""
+    command, stdin, fresh, small = program
+    if small is None:
+        return None
+    if stdin:
+        return run(command, rss_file, small, fresh)[2]
+    return run(command[:-1] + [small], rss_file, None, fresh)[2]
+
+
+def report(name, programs, times, cpu, rss, rss_file):
+    shell = list(programs)[0]
+
+    def ratios(series, p):
+        r = [t / s for t, s in zip(series[p], series[shell])]
+        return "%.2f/%.2f/%.2f" % (min(r), statistics.median(r), max(r))
+
+    print("\n%s\n%-15s %7s %15s %7s %15s %7s %9s %9s" % (
+        name, "", "wall s", "wall ratio", "CPU s", "CPU ratio", "max RSS", "RSS 1/10", "| head -3"))
+    print("%-15s %7s %15s %7s %15s %7s %9s %9s" % (
+        "program", "median", "min/med/max", "median", "min/med/max", "MB", "MB", "s"))
+    for p, program in programs.items():
+        small = small_rss(program, rss_file)
+        head = head3(program[0]) if name == "select" else None
+        print("%-15s %7.2f %15s %7.2f %15s %7.1f %9s %9s" % (
+            p, statistics.median(times[p]), ratios(times, p), statistics.median(cpu[p]),
+            ratios(cpu, p), max(rss[p]), "-" if small is None else "%.1f" % small,
+            "-" if head is None else "%.3f" % head))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--host", default=os.path.join(ROOT, "build", "kiv_host"))
-    parser.add_argument("--db", default=os.path.join(ROOT, "build", "host-bench", "big.db"))
+    parser.add_argument("--dir", default=os.path.join(ROOT, "build", "host-bench"))
     parser.add_argument("--rounds", type=int, default=7)
+    parser.add_argument("--workloads", type=lambda s: s.split(","), default=["select", "insert", "import"])
     args = parser.parse_args()
     if shutil.which("sqlite3") is None or not os.access("/usr/bin/time", os.X_OK):
         sys.exit("needs the sqlite3 shell and /usr/bin/time: apt-get install -y sqlite3 time")
     if not os.access(args.host, os.X_OK):
         sys.exit("no %s: build it first (make build)" % args.host)
-    if not os.path.exists(args.db):
-        print("creating %s (%d rows) ..." % (args.db, ROWS), flush=True)
-        make_database(args.db)
-
-    programs = {
-        "sqlite3 (list)": ["sqlite3", args.db, QUERY],
-        "kiv_host": [args.host, "--no-create", args.db, QUERY],
-        "kiv_host --csv": [args.host, "--csv", "--no-create", args.db, QUERY],
-    }
-    names = list(programs)
-    rss_file = args.db + ".rss"
-    run(programs[names[0]], rss_file)  # the file into the page cache
-    times = {name: [] for name in names}
-    cpu = {name: [] for name in names}
-    rss = {name: [] for name in names}
+    os.makedirs(args.dir, exist_ok=True)
+    loads = workloads(args)
+    rss_file = os.path.join(args.dir, "rss")
     print("machine: %d CPUs, load average %.2f %.2f %.2f" % ((os.cpu_count(),) + os.getloadavg()))
-    for r in range(args.rounds):
-        order = names[r % len(names):] + names[:r % len(names)]
-        for name in order:
-            seconds, cpu_seconds, megabytes = run(programs[name], rss_file)
-            times[name].append(seconds)
-            cpu[name].append(cpu_seconds)
-            rss[name].append(megabytes)
-        print("round %d: %s" % (r + 1, ", ".join("%s %.2f s" % (n, times[n][-1]) for n in names)),
-              flush=True)
-
-    shell = names[0]
-
-    def ratios(series, name):
-        r = [t / s for t, s in zip(series[name], series[shell])]
-        return "%.2f/%.2f/%.2f" % (min(r), statistics.median(r), max(r))
-
-    print("\n%-15s %7s %15s %7s %15s %7s %10s" % ("", "wall s", "wall ratio", "CPU s", "CPU ratio",
-                                                 "max RSS", "| head -3"))
-    print("%-15s %7s %15s %7s %15s %7s %10s" % ("program", "median", "min/median/max", "median",
-                                                 "min/median/max", "MB", "s"))
-    for name in names:
-        print("%-15s %7.2f %15s %7.2f %15s %7.1f %10.3f" % (
-            name, statistics.median(times[name]), ratios(times, name), statistics.median(cpu[name]),
-            ratios(cpu, name), max(rss[name]), head3(programs[name])))
+    for name, programs in loads.items():
+        names = list(programs)
+        command, stdin, fresh, _ = programs[names[0]]
+        run(command, rss_file, stdin, fresh)  # the files into the page cache
+        times, cpu, rss = ({p: [] for p in names} for _ in range(3))
+        for r in range(args.rounds):
+            for p in names[r % len(names):] + names[:r % len(names)]:
+                command, stdin, fresh, _ = programs[p]
+                seconds, cpu_seconds, megabytes = run(command, rss_file, stdin, fresh)
+                times[p].append(seconds)
+                cpu[p].append(cpu_seconds)
+                rss[p].append(megabytes)
+            print("%s round %d: %s" % (name, r + 1, ", ".join("%s %.2f s" % (p, cpu[p][-1]) for p in names)),
+                  flush=True)
+        report(name, programs, times, cpu, rss, rss_file)
 
 
 if __name__ == "__main__":

@@ -1,6 +1,9 @@
 #include "output.h"
 
+#include <langinfo.h>
 #include <unistd.h>
+
+#include <cwchar>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,10 +20,25 @@ namespace {
 // Large enough that a pipe sees few writes, small enough that the first rows leave at once.
 constexpr std::size_t pipe_chunk = 64 * 1024;
 
-// One column per UTF-8 code point: continuation bytes (10xxxxxx) do not start one.
-std::size_t display_width(const std::string& text) {
-    return static_cast<std::size_t>(std::count_if(
-        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U; }));
+bool utf8_locale() {
+    static const bool utf8 = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
+    return utf8;
+}
+
+// The code point starting at text[i] (advancing i); a byte that starts no valid sequence is
+// taken as a code point of its own.
+wchar_t next_code_point(const std::string& text, std::size_t& i) {
+    const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
+    const unsigned lead = byte(i++);
+    const std::size_t more = lead >= 0xF0U ? 3 : lead >= 0xE0U ? 2 : lead >= 0xC0U ? 1 : 0;
+    if (more == 0 || i + more > text.size()) return static_cast<wchar_t>(lead);
+    unsigned value = lead & (0x3FU >> more);
+    for (std::size_t k = 0; k < more; ++k) {
+        if ((byte(i + k) & 0xC0U) != 0x80U) return static_cast<wchar_t>(lead);
+        value = (value << 6) | (byte(i + k) & 0x3FU);
+    }
+    i += more;
+    return static_cast<wchar_t>(value);
 }
 
 bool needs_escape(char ch) {
@@ -31,13 +49,13 @@ bool needs_escape(char ch) {
 // Rewrites `text` so that it fits on one table line and returns its display width. Most values
 // need no change; they are only scanned, once.
 std::size_t escape_for_table(std::string& text) {
-    std::size_t width = 0;
     bool plain = true;
+    bool ascii = true;
     for (const char ch : text) {
         plain = plain && !needs_escape(ch);
-        width += (static_cast<unsigned char>(ch) & 0xC0U) != 0x80U;
+        ascii = ascii && static_cast<unsigned char>(ch) < 0x80U;
     }
-    if (plain) return width;
+    if (plain) return ascii ? text.size() : display_width(text);
     static const char digits[] = "0123456789ABCDEF";
     std::string escaped;
     for (const char ch : text) {
@@ -94,13 +112,40 @@ void append_csv_field(std::string& line, const std::string& value) {
 
 }  // namespace
 
+std::size_t display_width(const std::string& text) {
+    std::size_t width = 0;
+    const bool columns = utf8_locale();
+    for (std::size_t i = 0; i < text.size();) {
+        const wchar_t code = next_code_point(text, i);
+        const int w = columns ? ::wcwidth(code) : 1;
+        width += w >= 0 ? static_cast<std::size_t>(w) : 1;
+    }
+    return width;
+}
+
 output::output() : flush_at_(::isatty(STDOUT_FILENO) != 0 ? 0 : pipe_chunk) { buffer_.reserve(pipe_chunk + 1024); }
+
+output::~output() { redirect(nullptr); }
+
+void output::redirect(std::FILE* file) {
+    flush();
+    if (file_ != stdout) std::fclose(file_);
+    file_ = file != nullptr ? file : stdout;
+    flush_at_ = ::isatty(::fileno(file_)) != 0 ? 0 : pipe_chunk;
+}
 
 void output::flush() {
     if (!buffer_.empty() && error_ == 0) {
         errno = 0;
-        if (std::fwrite(buffer_.data(), 1, buffer_.size(), stdout) != buffer_.size() || std::fflush(stdout) != 0) {
-            error_ = errno != 0 ? errno : EIO;
+        if (std::fwrite(buffer_.data(), 1, buffer_.size(), file_) != buffer_.size() || std::fflush(file_) != 0) {
+            const int error = errno != 0 ? errno : EIO;
+            if (file_ == stdout) {
+                error_ = error;
+            } else {
+                std::fprintf(stderr, "kiv_host: output file: %s\n", std::strerror(error));
+                buffer_.clear();
+                redirect(nullptr);
+            }
         }
     }
     buffer_.clear();
@@ -119,10 +164,16 @@ std::string blob_literal(const unsigned char* data, std::size_t size) {
     return out;
 }
 
-result_printer::result_printer(output& out, format how) : out_(out), format_(how) {}
+result_printer::result_printer(output& out) : out_(out) {}
+
+result_printer::result_printer(output& out, format how) : out_(out) {
+    if (how == format::csv) options_.how = print_options::mode::csv;
+}
 
 void result_printer::begin(std::vector<std::string> names) {
-    if (separate_) out_.text() += '\n';
+    using mode = print_options::mode;
+    format_ = options_.how;
+    if (separate_ && format_ != mode::list && format_ != mode::json) out_.text() += '\n';
     separate_ = true;
     open_ = true;
     names_ = std::move(names);
@@ -131,12 +182,14 @@ void result_printer::begin(std::vector<std::string> names) {
     values_.assign(columns, std::string());
     kinds_.assign(columns, kind::null);
     value_widths_.assign(columns, 0);
-    if (format_ == format::csv) {
-        put_csv_line(names_.data(), nullptr);
+    if (format_ != mode::table) {
+        if (options_.headers && format_ == mode::csv) put_csv_line(names_.data(), nullptr);
+        if (options_.headers && format_ == mode::list) put_list_line(names_.data());
         return;
     }
     widths_.assign(columns, 0);
     for (std::size_t c = 0; c < columns; ++c) widths_[c] = escape_for_table(names_[c]);
+    if (!options_.headers) widths_.assign(columns, 0);
     has_number_.assign(columns, false);
     has_text_.assign(columns, false);
     right_.assign(columns, false);
@@ -148,13 +201,14 @@ void result_printer::read_row(const kiv_sqlite_handle& db) {
     // One type call per cell, then one value call. Numbers are read as numbers and formatted
     // here: SQLite's conversion to text gives the same digits at a far higher cost.
     const int columns = static_cast<int>(names_.size());
+    const bool table = format_ == print_options::mode::table;
     for (int c = 0; c < columns; ++c) {
         std::string& value = values_[static_cast<std::size_t>(c)];
         kind& type = kinds_[static_cast<std::size_t>(c)];
         switch (kiv_sqlite_column_type(db, c)) {
             case SQLITE_NULL:
                 type = kind::null;
-                value.assign(format_ == format::table ? "NULL" : "");
+                value.assign(options_.null_set ? options_.null_value : table ? "NULL" : "");
                 break;
             case SQLITE_INTEGER: {
                 char digits[24];
@@ -185,10 +239,14 @@ void result_printer::read_row(const kiv_sqlite_handle& db) {
 }
 
 bool result_printer::add_row(const kiv_sqlite_handle& db) {
+    using mode = print_options::mode;
     read_row(db);
     ++rows_;
-    if (format_ == format::csv) {
-        put_csv_line(values_.data(), kinds_.data());
+    if (format_ != mode::table) {
+        if (format_ == mode::csv) put_csv_line(values_.data(), kinds_.data());
+        if (format_ == mode::list) put_list_line(values_.data());
+        if (format_ == mode::line) put_line_row();
+        if (format_ == mode::json) put_json_row();
         if (rows_ == block_rows) out_.flush();  // the first rows out at once, as in a table
         return !out_.closed();
     }
@@ -217,7 +275,13 @@ bool result_printer::finish() {
     if (!open_) return false;
     open_ = false;
     if (in_block_) print_block();
+    if (format_ == print_options::mode::json && rows_ > 0) out_.text() += "]\n";
     return true;
+}
+
+void result_printer::put_row_count() {
+    if (format_ != print_options::mode::table) return;
+    out_.text() += '(' + std::to_string(rows_) + (rows_ == 1 ? " row)\n" : " rows)\n");
 }
 
 void result_printer::print_block() {
@@ -225,11 +289,13 @@ void result_printer::print_block() {
     const std::size_t columns = names_.size();
     for (std::size_t c = 0; c < columns; ++c) right_[c] = has_number_[c] && !has_text_[c];
     std::vector<std::size_t> widths(columns);
-    for (std::size_t c = 0; c < columns; ++c) widths[c] = display_width(names_[c]);
-    put_table_line(names_.data(), widths.data());
-    std::vector<std::string> rule(columns);
-    for (std::size_t c = 0; c < columns; ++c) rule[c].assign(widths_[c], '-');
-    put_table_line(rule.data(), widths_.data());
+    if (options_.headers) {
+        for (std::size_t c = 0; c < columns; ++c) widths[c] = display_width(names_[c]);
+        put_table_line(names_.data(), widths.data());
+        std::vector<std::string> rule(columns);
+        for (std::size_t c = 0; c < columns; ++c) rule[c].assign(widths_[c], '-');
+        put_table_line(rule.data(), widths_.data());
+    }
     for (std::size_t first = 0; first < block_.size(); first += columns) {
         for (std::size_t c = 0; c < columns; ++c) widths[c] = display_width(block_[first + c]);
         put_table_line(&block_[first], widths.data());
@@ -273,6 +339,68 @@ void result_printer::put_csv_line(const std::string* cells, const kind* kinds) {
         }
     }
     line += '\n';
+    out_.line_done();
+}
+
+void result_printer::put_list_line(const std::string* cells) {
+    std::string& line = out_.text();
+    for (std::size_t c = 0; c < names_.size(); ++c) {
+        if (c > 0) line += options_.separator;
+        line += cells[c];
+    }
+    line += '\n';
+    out_.line_done();
+}
+
+void result_printer::put_line_row() {
+    std::size_t width = 0;
+    for (const auto& name : names_) width = std::max(width, display_width(name));
+    std::string& text = out_.text();
+    if (rows_ > 1) text += '\n';
+    for (std::size_t c = 0; c < names_.size(); ++c) {
+        text.append(width - std::min(width, display_width(names_[c])), ' ');
+        text += names_[c] + " = " + values_[c] + '\n';
+    }
+    out_.line_done();
+}
+
+namespace {
+
+void append_json_string(std::string& out, const std::string& value) {
+    static const char digits[] = "0123456789abcdef";
+    out += '"';
+    for (const char ch : value) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += ch;
+        } else if (c < 0x20U) {
+            out += "\\u00";
+            out += digits[c >> 4];
+            out += digits[c & 0x0FU];
+        } else {
+            out += ch;
+        }
+    }
+    out += '"';
+}
+
+}  // namespace
+
+void result_printer::put_json_row() {
+    std::string& text = out_.text();
+    text += rows_ == 1 ? "[{" : ",\n{";
+    for (std::size_t c = 0; c < names_.size(); ++c) {
+        if (c > 0) text += ',';
+        append_json_string(text, names_[c]);
+        text += ':';
+        if (kinds_[c] == kind::text) {
+            append_json_string(text, values_[c]);
+        } else {
+            text += kinds_[c] == kind::null ? "null" : values_[c];
+        }
+    }
+    text += '}';
     out_.line_done();
 }
 

@@ -34,6 +34,9 @@ public:
     connection& operator=(const connection&) = delete;
 
     const kiv_sqlite_handle& handle() const { return handle_; }
+    // The object's SQLite connection, for what the library leaves to its host: the busy
+    // timeout and interrupting a statement. Null while closed.
+    sqlite3* sqlite() const { return handle_->db; }
     // Opens with kiv_sqlite_open (create when missing) or kiv_sqlite_try_open (must exist).
     bool open(bool create, sql_error& error);
 

@@ -3,6 +3,8 @@
 #include <sqlite3.h>
 
 #include <cctype>
+#include <cstring>
+#include <string_view>
 
 namespace kiv_host {
 
@@ -12,17 +14,16 @@ bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0;
 
 // Position of the first character that is not a blank or part of a comment (or a semicolon,
 // when `skip_semicolons`). An unterminated block comment runs to the end, as SQLite reads it.
-std::size_t skip_filler(const std::string& text, std::size_t pos, bool skip_semicolons) {
-    const std::size_t n = text.size();
+std::size_t skip_filler(const char* text, std::size_t n, std::size_t pos, bool skip_semicolons) {
     while (pos < n) {
         if (is_space(text[pos]) || (skip_semicolons && text[pos] == ';')) {
             ++pos;
-        } else if (text.compare(pos, 2, "--") == 0) {
-            const std::size_t eol = text.find('\n', pos);
-            pos = eol == std::string::npos ? n : eol + 1;
-        } else if (text.compare(pos, 2, "/*") == 0) {
-            const std::size_t end = text.find("*/", pos + 2);
-            pos = end == std::string::npos ? n : end + 2;
+        } else if (pos + 1 < n && text[pos] == '-' && text[pos + 1] == '-') {
+            const void* eol = std::memchr(text + pos, '\n', n - pos);
+            pos = eol == nullptr ? n : static_cast<std::size_t>(static_cast<const char*>(eol) - text) + 1;
+        } else if (pos + 1 < n && text[pos] == '/' && text[pos + 1] == '*') {
+            const std::size_t end = std::string_view(text, n).find("*/", pos + 2);
+            pos = end == std::string_view::npos ? n : end + 2;
         } else {
             break;
         }
@@ -30,30 +31,107 @@ std::size_t skip_filler(const std::string& text, std::size_t pos, bool skip_semi
     return pos;
 }
 
+// Compacting only once the consumed part is large keeps the copying linear overall.
+constexpr std::size_t compact_at = 64 * 1024;
+
 }  // namespace
 
-bool is_blank_sql(const std::string& text) { return skip_filler(text, 0, true) == text.size(); }
+void statement_splitter::add(const char* text, std::size_t size) {
+    if (start_ >= compact_at && start_ * 2 >= pending_.size()) {
+        pending_.erase(0, start_);
+        pos_ -= start_;
+        start_ = 0;
+    }
+    pending_.append(text, size);
+}
+
+bool statement_splitter::at_statement_end(std::size_t semicolon) {
+    // sqlite3_complete() reads up to a NUL: one is put after the semicolon for the call.
+    const std::size_t end = semicolon + 1;
+    const char saved = end < pending_.size() ? pending_[end] : '\0';
+    if (end < pending_.size()) pending_[end] = '\0';
+    const bool complete = sqlite3_complete(pending_.c_str() + start_) != 0;
+    if (end < pending_.size()) pending_[end] = saved;
+    return complete;
+}
+
+bool statement_splitter::next(std::string& statement) {
+    const std::size_t n = pending_.size();
+    const char* const text = pending_.data();
+    while (pos_ < n) {
+        const char c = text[pos_];
+        // A two-character token may be cut at the end of a piece: wait for the next one.
+        const bool may_pair = state_ == state::code ? c == '-' || c == '/' : state_ == state::block_comment && c == '*';
+        if (may_pair && pos_ + 1 == n) return false;
+        switch (state_) {
+            case state::code:
+                if (c == '\'') state_ = state::single_quote;
+                else if (c == '"') state_ = state::double_quote;
+                else if (c == '`') state_ = state::backtick;
+                else if (c == '[') state_ = state::bracket;
+                else if (c == '-' && text[pos_ + 1] == '-') enter(state::line_comment);
+                else if (c == '/' && text[pos_ + 1] == '*') enter(state::block_comment);
+                break;
+            case state::single_quote:
+                if (c == '\'') state_ = state::code;
+                break;
+            case state::double_quote:
+                if (c == '"') state_ = state::code;
+                break;
+            case state::backtick:
+                if (c == '`') state_ = state::code;
+                break;
+            case state::bracket:
+                if (c == ']') state_ = state::code;
+                break;
+            case state::line_comment:
+                if (c == '\n') state_ = state::code;
+                break;
+            case state::block_comment:
+                if (c == '*' && text[pos_ + 1] == '/') enter(state::code);
+                break;
+        }
+        ++pos_;
+        if (c != ';' || state_ != state::code || !at_statement_end(pos_ - 1)) continue;
+        const std::size_t begin = start_;
+        start_ = pos_;
+        if (skip_filler(text, start_, begin, true) == start_) continue;
+        statement.assign(text + begin, start_ - begin);
+        return true;
+    }
+    return false;
+}
+
+bool statement_splitter::blank() const {
+    return skip_filler(pending_.data(), pending_.size(), start_, true) == pending_.size();
+}
+
+std::string statement_splitter::take_rest() {
+    std::string rest = pending_.substr(start_);
+    clear();
+    return rest;
+}
+
+void statement_splitter::clear() {
+    pending_.clear();
+    start_ = pos_ = 0;
+    state_ = state::code;
+}
+
+bool is_blank_sql(const std::string& text) { return skip_filler(text.data(), text.size(), 0, true) == text.size(); }
 
 std::vector<std::string> split_statements(const std::string& text) {
+    statement_splitter splitter;
+    splitter.add(text);
     std::vector<std::string> statements;
-    std::size_t start = 0;
-    // sqlite3_complete() knows SQLite's quoting, comments and trigger bodies: a semicolon ends a
-    // statement exactly when the text up to it is complete. Only the current statement is
-    // re-examined, so the cost grows with statement length, not with the whole input.
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != ';') continue;
-        std::string candidate = text.substr(start, i + 1 - start);
-        if (sqlite3_complete(candidate.c_str()) == 0) continue;
-        if (!is_blank_sql(candidate)) statements.push_back(std::move(candidate));
-        start = i + 1;
-    }
-    std::string rest = text.substr(start);
-    if (!is_blank_sql(rest)) statements.push_back(std::move(rest));
+    std::string statement;
+    while (splitter.next(statement)) statements.push_back(statement);
+    if (!splitter.blank()) statements.push_back(splitter.take_rest());
     return statements;
 }
 
 std::string statement_for_display(const std::string& statement) {
-    const std::size_t begin = skip_filler(statement, 0, false);
+    const std::size_t begin = skip_filler(statement.data(), statement.size(), 0, false);
     std::size_t end = statement.size();
     while (end > begin && is_space(statement[end - 1])) --end;
     return statement.substr(begin, end - begin);

@@ -4,8 +4,10 @@
 set -u; host=$1 fails=0; rm -rf "$2" && mkdir -p "$2" && cd "$2" || exit 1
 S=$(printf '%s\n' 'left objects in database reference count: 0' 'DATABASE SERVICE SHOT DONW REQUEST' \
   'DATABASE THREAD SERVICE STOPPED' 'DATABASE SERVICE DONE') U="Try 'kiv_host --help'."
-# t NAME STATUS STDOUT STDERR ARGS...: outputs without their last newline; standard input from $IN
-t() { n=$1 s=$2; printf "${3:+%s\n}" "$3" >want_out; printf "${4:+%s\n}" "$4" >want_err; shift 4
+# t NAME STATUS STDOUT STDERR ARGS...: outputs without their last newline; standard input from $IN;
+# the shutdown lines end standard error unless NOS is set (a run that never reached the database)
+t() { n=$1 s=$2; printf "${3:+%s\n}" "$3" >want_out; { printf "${4:+%s\n}" "$4"; [ -n "${NOS:-}" ] || echo "$S"; } >want_err
+  shift 4
   "$host" "$@" <"${IN:-/dev/null}" >out 2>err; st=$?; sed -i 's/\(database worker: \).*/\1RATE/' out
   [ $st = "$s" ] && cmp -s want_out out && cmp -s want_err err || {
     echo "$n: status $st, expected $s"; diff want_out out; diff want_err err; fails=$((fails + 1)); }; }
@@ -28,8 +30,7 @@ id  sensor     value  payload
  4  sensor-04    1.0  X'00000004'
  5  sensor-05   1.25  NULL
  6  sensor-06    1.5  X'00000006'
-
-$S" ""
+" ""
   done ;;
 sql) # statements split at semicolons outside strings, comments and trigger bodies
   cat >in <<'E'
@@ -50,35 +51,144 @@ E
 n\n1
 ----
    4
-(1 row)'"
-$S" "" t.db -
-  t "CSV" 0 "$(printf 'a,"b,c"\n1,"x,y"\n2,"say ""hi"""\n,"two\nlines"\n3.5,"cr\r"\nX'\''00'\'',')" "$S" \
+(1 row)' "" t.db -
+  t "CSV" 0 "$(printf 'a,"b,c"\n1,"x,y"\n2,"say ""hi"""\n,"two\nlines"\n3.5,"cr\r"\nX'\''00'\'',')" "" \
     --csv t.db "SELECT column1 AS a, column2 AS \"b,c\" FROM (VALUES (1, 'x,y'), (2, 'say \"hi\"'),
     (NULL, 'two' || char(10) || 'lines'), (3.5, 'cr' || char(13)), (X'00', ''))"
   t "widths from the first 1000 rows" 0 "$(printf 'v     i\n-  ----\n'; seq 1000 | awk '{printf "a  %4d\n", $1}'
-    printf 'a|wide  1001\n(1001 rows)\n%s' "$S")" "" :memory: "WITH RECURSIVE c(i) AS (SELECT 1
+    printf 'a|wide  1001\n(1001 rows)')" "" :memory: "WITH RECURSIVE c(i) AS (SELECT 1
     UNION ALL SELECT i + 1 FROM c WHERE i < 1001) SELECT CASE i WHEN 1001 THEN 'a|wide' ELSE 'a' END AS v, i FROM c"
   # A reader that leaves early: the endless result stops at once, quietly, with a clean shutdown.
   { "$host" :memory: "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT i FROM c" 2>err
     echo $? >st; } | head -3 >out
-  [ "$(cat st out err)" = "$(printf '0\n   i\n----\n   1')" ] || { echo "| head -3: $(cat st err)"; fails=$((fails + 1)); } ;;
+  [ "$(cat st out err)" = "$(printf '0\n   i\n----\n   1\n%s' "$S")" ] || { echo "| head -3: $(cat st err)"; fails=$((fails + 1)); } ;;
 errors) # the rows before an error print, then the error; later statements never run
-  t "rows, then the error" 1 "$(printf 'v\n-\n1\n2\n%s' "$S")" "kiv_host: e.db: statement 2: SQLite error 1: integer overflow
+  t "rows, then the error" 1 "$(printf 'v\n-\n1\n2')" "kiv_host: e.db: statement 2: SQLite error 1: integer overflow
   in: SELECT abs(column1) AS v FROM (VALUES (1), (-2), (-9223372036854775808));" e.db "CREATE TABLE t(a);
     SELECT abs(column1) AS v FROM (VALUES (1), (-2), (-9223372036854775808)); CREATE TABLE never(a)"
-  t "bad SQL" 1 "$S" "$(printf 'kiv_host: e.db: statement 1: SQLite error 1: near "SELEC": syntax error\n  in: SELEC')" e.db SELEC
-  t "--no-create, existing file" 0 "$(printf 'never\n0')" "$S" --csv --no-create e.db \
+  t "bad SQL" 1 "" "$(printf 'kiv_host: e.db: statement 1: SQLite error 1: near "SELEC": syntax error\n  in: SELEC')" e.db SELEC
+  t "--no-create, existing file" 0 "$(printf 'never\n0')" "" --csv --no-create e.db \
     "SELECT count(*) AS never FROM sqlite_master WHERE name = 'never'"
   echo 'not a database, only text that is long enough to hold a header' >nodb
-  t "not a database" 1 "$S" "kiv_host: nodb: SQLite error 26: file is not a database" nodb "SELECT 1"
+  t "not a database" 1 "" "kiv_host: nodb: SQLite error 26: file is not a database" nodb "SELECT 1"
   # e STATUS MESSAGE ARGS...: refused before the database is reached; usage errors add the hint
-  e() { s=$1 m="kiv_host: $2"; shift 2; [ $s = 2 ] && m=$(printf '%s\n%s' "$m" "$U"); t "$m" $s "" "$m" "$@"; }
+  e() { s=$1 m="kiv_host: $2"; shift 2; [ $s = 2 ] && m=$(printf '%s\n%s' "$m" "$U"); NOS=1 t "$m" $s "" "$m" "$@"; }
   e 1 "missing.db: file does not exist (--no-create)" --no-create missing.db "SELECT 1"
   e 2 "unknown option '--bogus'" --bogus x.db "SELECT 1"
-  e 2 "no SQL given for x.db (use - to read standard input)" x.db
+  e 2 "option '--csv' after PATH (options go before PATH)" x.db --csv "SELECT 1"
+  e 2 "an empty SQL argument" x.db "SELECT 1" " "
+  e 2 "-timeout needs milliseconds, not 'x'" -timeout x x.db
   e 2 "--help takes no other arguments" --help x.db
-  t "--version" 0 "kiv_host $4" "" --version
-  [ "$("$host" --help | head -1)" = "usage: kiv_host" ] || { echo "--help"; fails=$((fails + 1)); } ;;
+  NOS=1 t "--version" 0 "kiv_host $4" "" --version
+  [ "$("$host" --help | head -1)" = "Usage: kiv_host [OPTION]... PATH [SQL|.COMMAND]..." ] || { echo "--help"; fails=$((fails + 1)); } ;;
+commands) # dot-commands and the options that match them, as arguments
+  "$host" c.db "CREATE TABLE t(a INTEGER, b TEXT); INSERT INTO t VALUES (1, 'x'), (2, NULL)" "CREATE VIEW v AS SELECT 1" 2>/dev/null
+  printf 'SELECT 3 AS n;\n.mode csv\nSELECT 4 AS n;\n' >r.sql; Q="SELECT * FROM t"
+  t ".tables" 0 "$(printf 't\nv\nt')" "" c.db .tables ".tables t%"
+  t ".schema" 0 "CREATE TABLE t(a INTEGER, b TEXT);" "" c.db ".schema t"
+  t "list, separator, nullvalue, headers" 0 "$(printf 'a;b\n1;x\n2;-\n1;x\n2;-')" "" c.db ".mode list" \
+    ".separator ;" ".nullvalue -" "$Q" ".headers off" "$Q"
+  t ".mode line" 0 "$(printf 'a = 1\nb = x\n\na = 2\nb = ')" "" c.db ".mode line" "$Q"
+  t ".mode json" 0 "$(printf '[{"a":1,"b":"x"},\n{"a":2,"b":null}]')" "" c.db ".mode json" "$Q"
+  t "-csv -noheader -cmd" 0 "$(printf '1,x\n2,N')" "" -csv -noheader -cmd ".nullvalue N" c.db "$Q"
+  t ".once" 0 "$(printf 'two\n---\n  2\n(1 row)')" "" c.db ".once o.txt" "SELECT 1 AS one" "SELECT 2 AS two"
+  [ "$(cat o.txt)" = "$(printf 'one\n---\n  1\n(1 row)')" ] || { echo ".once: $(cat o.txt)"; fails=$((fails + 1)); }
+  t ".read" 0 "$(printf 'n\n-\n3\n(1 row)\n\nn\n4')" "" c.db ".read r.sql"
+  t ".bail off" 1 "$(printf 'n\n-\n5\n(1 row)')" "$(printf 'kiv_host: c.db: statement 1: SQLite error 1: near "SELEC": syntax error\n  in: SELEC')" \
+    c.db ".bail off" SELEC "SELECT 5 AS n"
+  t ".changes" 0 "$(printf 'changes: 0   total_changes: 0\nchanges: 2   total_changes: 2')" "" \
+    :memory: ".changes on" "CREATE TABLE m(a)" "INSERT INTO m VALUES (1), (2)"
+  t "-readonly" 1 "" "$(printf 'kiv_host: c.db: statement 1: SQLite error 8: attempt to write a readonly database\n  in: DELETE FROM t')" \
+    -readonly c.db "DELETE FROM t"
+  t ".quit" 0 "" "" c.db .quit "SELECT 1"
+  # c ARGUMENT MESSAGE: a command refused, and nothing after it runs
+  c() { t "$1" 1 "" "kiv_host: $2" c.db "$1" "SELECT 1"; }
+  c .bogus "unknown command '.bogus' (.help lists the commands)"
+  c ".headers maybe" "usage: .headers on|off"
+  c ".mode box" "unknown mode 'box' (table, csv, list, line, json)"
+  c ".timeout 1x" ".timeout: not a number of milliseconds: 1x"
+  c ".import only.csv" "usage: .import [--csv] FILE TABLE"
+  c ".read missing.sql" ".read: missing.sql: No such file or directory" ;;
+session) # standard input as a stream: statements over lines, commands between, errors go on
+  printf '%s\n' "CREATE TABLE s(a); INSERT INTO s" "  VALUES (1), ('two;');" ".mode csv" ";-- it's a comment, after an empty statement" \
+    "SELECT * FROM s;" "SELEC;" "SELECT count(*) AS n FROM s" >in
+  E=$(printf 'kiv_host: s.db: statement 4: SQLite error 1: near "SELEC": syntax error\n  in: SELEC;')
+  IN=in t "piped session" 1 "$(printf 'a\n1\ntwo;\n\nn\n2')" "$E" s.db
+  E=$(printf '%s\n' "$E" | sed 's/s\.db/s2.db/')
+  IN=in t "-bail" 1 "a
+1
+two;" "$E" -bail s2.db
+  # A statement runs as soon as its line is read, while standard input stays open.
+  mkfifo fifo; "$host" -list s.db <fifo >out 2>err & exec 3>fifo; echo "SELECT 40 + 2 AS n;" >&3
+  i=0; while [ $i -lt 100 ] && ! grep -q 42 out; do sleep 0.1; i=$((i + 1)); done
+  grep -q 42 out || { echo "streaming: no result while standard input was open"; fails=$((fails + 1)); }
+  # While that session holds a write lock, another run waits its timeout, then names the statement.
+  echo "BEGIN EXCLUSIVE; INSERT INTO s VALUES (3); SELECT 43;" >&3
+  i=0; while [ $i -lt 100 ] && ! grep -q 43 out; do sleep 0.1; i=$((i + 1)); done
+  t "locked" 1 "" "$(printf 'kiv_host: s.db: statement 1: SQLite error 5: database is locked\n  in: SELECT count(*) FROM s')" \
+    -timeout 200 s.db "SELECT count(*) FROM s"
+  exec 3>&-; wait ;;
+import) # a CSV with quoted commas, quotes and line ends; the table made from its header line
+  printf 'name,"note, quoted",n\r\n"Smith, J","line one\nline two",1\r\nplain,"say ""hi""",2\n\nshort\n' >a.csv
+  W="kiv_host: a.csv:6: expected 3 columns, found 1: the rest are NULL"
+  t ".import" 0 "$(printf 'name,"note, quoted",n\n"Smith, J","line one\nline two",1\nplain,"say ""hi""",2\nshort,,')" "$W" \
+    -csv i.db ".import a.csv p" "SELECT * FROM p"
+  t "into an existing table" 0 "$(printf 'count(*),typeof(n)\n7,text')" "$W" -csv i.db ".import --csv a.csv p" \
+    "SELECT count(*), typeof(n) FROM p" ;;
+terminal) # a person at a terminal, under tmux: what the screen shows, and the exit status
+  X="tmux -L kiv_host_test$$ -f /dev/null"
+  $X new-session -d -x 120 -y 50 "HOME=$PWD LANG=C.UTF-8 $host i.db; echo \$? >st; sleep 600" || exit 1
+  # w LINE: waits until the screen shows LINE; p: until the last line is a prompt; k TEXT: at
+  # the next prompt, types TEXT and Enter (a final ';' escaped, which tmux would take as its own)
+  w() { i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep -qxF "$1"; do sleep 0.1; i=$((i + 1)); done; }
+  p() { i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep . | tail -1 | grep -qx 'kiv_host>\|   \.\.\.>'; do
+      sleep 0.1; i=$((i + 1)); done; }
+  k() { p; $X send-keys -l "${1%;}"; [ "${1%;}" = "$1" ] || $X send-keys '\;'; $X send-keys Enter
+    i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep -qF -- "$1"; do sleep 0.1; i=$((i + 1)); done; }
+  k "CREATE TABLE t("; k "a INTEGER, b TEXT);"; k "INSERT INTO t VALUES (1, 'one'), (2, '日本');"
+  k "SELECT * FROM t;"; k .tables; k .schema; k ".mode csv"; k "SELECT * FROM t;"; k "SELEC;"
+  k "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;"
+  w n; $X send-keys C-c; w "  in: WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;"
+  k "SELECT 3"; p; $X send-keys C-c; k "SELECT 4;"; k .quit
+  i=0; while [ $i -lt 100 ] && [ ! -s st ]; do sleep 0.1; i=$((i + 1)); done
+  $X capture-pane -p -S 0 -E 49 | sed -e :a -e '/^\n*$/{$d;N;ba' -e '}' >screen; $X kill-server
+  cat >want <<E
+kiv_host 1.0.0 on i.db: SQL ends with ";", .help lists the commands, Ctrl-D leaves
+kiv_host> CREATE TABLE t(
+   ...> a INTEGER, b TEXT);
+kiv_host> INSERT INTO t VALUES (1, 'one'), (2, '日本');
+kiv_host> SELECT * FROM t;
+a  b
+-  ----
+1  one
+2  日本
+(2 rows)
+kiv_host> .tables
+t
+kiv_host> .schema
+CREATE TABLE t(
+a INTEGER, b TEXT);
+kiv_host> .mode csv
+kiv_host> SELECT * FROM t;
+a,b
+1,one
+2,日本
+kiv_host> SELEC;
+kiv_host: i.db: statement 5: SQLite error 1: near "SELEC": syntax error
+  in: SELEC;
+kiv_host> WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;
+n
+^Ckiv_host: i.db: statement 6: SQLite error 9: interrupted
+  in: WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;
+kiv_host> SELECT 3
+   ...>
+kiv_host> SELECT 4;
+4
+4
+kiv_host> .quit
+$S
+E
+  [ "$(cat st)" = 0 ] && cmp -s want screen || { echo "terminal: status $(cat st)"; diff want screen; fails=$((fails + 1)); } ;;
 esac
 [ $fails -eq 0 ] && echo "$3: ok"
 exit $fails

@@ -1,0 +1,244 @@
+#include "commands.h"
+
+#include <sqlite3.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "shell.h"
+
+namespace kiv_host {
+
+const char* const dot_command_help =
+    ".bail on|off            stop at the first error (on for SQL arguments, off in sessions)\n"
+    ".changes on|off         print the change counts after each statement\n"
+    ".exit                   end the session (also .quit)\n"
+    ".headers on|off         column names above the rows\n"
+    ".help                   this text\n"
+    ".import [--csv] FILE TABLE\n"
+    "                        import CSV rows into TABLE, created from the header line when missing\n"
+    ".mode MODE              table (aligned), csv, list, line or json\n"
+    ".nullvalue TEXT         how NULL prints\n"
+    ".once FILE              the next statement's output to FILE\n"
+    ".output [FILE]          output to FILE, or back to standard output without one\n"
+    ".quit                   end the session\n"
+    ".read FILE              run the SQL and commands of FILE\n"
+    ".schema [PATTERN]       the CREATE statements, of the objects matching PATTERN (LIKE)\n"
+    ".separator TEXT         between the columns of list mode\n"
+    ".tables [PATTERN]       the tables and views, of those matching PATTERN (LIKE)\n"
+    ".timeout MS             wait up to MS milliseconds for a locked database (default 5000)\n";
+
+namespace {
+
+using words = std::vector<std::string>;
+
+// Splits a command line into words at blanks; '...' and "..." quote a word with blanks.
+words split_words(const std::string& line) {
+    words result;
+    std::size_t i = 0;
+    while (i < line.size()) {
+        while (i < line.size() && std::isspace(static_cast<unsigned char>(line[i])) != 0) ++i;
+        if (i == line.size()) break;
+        std::string word;
+        const char quote = line[i] == '\'' || line[i] == '"' ? line[i++] : '\0';
+        while (i < line.size() &&
+               (quote != '\0' ? line[i] != quote : std::isspace(static_cast<unsigned char>(line[i])) == 0)) {
+            word += line[i++];
+        }
+        if (quote != '\0' && i < line.size()) ++i;
+        result.push_back(word);
+    }
+    return result;
+}
+
+// on/off and their usual spellings; -1 for anything else.
+int parse_switch(const std::string& word) {
+    for (const char* on : {"on", "yes", "true", "1"})
+        if (word == on) return 1;
+    for (const char* off : {"off", "no", "false", "0"})
+        if (word == off) return 0;
+    return -1;
+}
+
+// Rows of a query with one text parameter, each row's first column handed to `each`.
+template <typename Each>
+bool query_names(shell& sh, const char* sql, const std::string& parameter, Each each) {
+    const kiv_sqlite_handle& db = sh.db.handle();
+    int rc = kiv_sqlite_prepare(db, sql);
+    if (rc == SQLITE_OK) rc = kiv_sqlite_bind_text(db, 1, parameter.data(), parameter.size());
+    while (rc == SQLITE_OK || rc == SQLITE_ROW) {
+        rc = kiv_sqlite_step(db);
+        if (rc == SQLITE_ROW) each(kiv_sqlite_column_text(db, 0));
+    }
+    sql_error error;
+    if (rc != SQLITE_DONE) {
+        error.code = kiv_sqlite_last_error_code(db);
+        const char* message = kiv_sqlite_last_error_message(db);
+        error.message = message != nullptr ? message : "";
+    }
+    kiv_sqlite_finalize(db);
+    if (rc == SQLITE_DONE) return true;
+    report_error(sh.out, sh.path, 0, error);
+    ++sh.errors;
+    return false;
+}
+
+bool list_tables(shell& sh, const words& args) {
+    return query_names(sh,
+                       "SELECT name FROM sqlite_master WHERE type IN ('table', 'view') AND name NOT "
+                       "LIKE 'sqlite\\_%' ESCAPE '\\' AND name LIKE ?1 ORDER BY name",
+                       args.size() > 1 ? args[1] : "%", [&](const std::string& name) { sh.out.text() += name + '\n'; });
+}
+
+bool show_schema(shell& sh, const words& args) {
+    return query_names(sh, "SELECT sql FROM sqlite_master WHERE sql IS NOT NULL AND name LIKE ?1 ORDER BY rowid",
+                       args.size() > 1 ? args[1] : "%", [&](const std::string& sql) { sh.out.text() += sql + ";\n"; });
+}
+
+bool set_mode(shell& sh, const words& args) {
+    using mode = print_options::mode;
+    static const std::pair<const char*, mode> modes[] = {
+        {"table", mode::table}, {"csv", mode::csv}, {"list", mode::list}, {"line", mode::line}, {"json", mode::json}};
+    for (const auto& [name, how] : modes) {
+        if (args[1] == name) {
+            sh.printer.options().how = how;
+            return true;
+        }
+    }
+    report_failure(sh, "unknown mode '" + args[1] + "' (table, csv, list, line, json)");
+    return false;
+}
+
+bool redirect_output(shell& sh, const words& args) {
+    const bool once = args[0] == ".once";
+    sh.printer.start_group();  // a new file, or back to one, begins without a blank line
+    if (args.size() == 1 || (!once && args[1] == "stdout")) {
+        sh.out.redirect(nullptr);
+        sh.once = false;
+        return true;
+    }
+    std::FILE* file = std::fopen(args[1].c_str(), "w");
+    if (file == nullptr) {
+        report_failure(sh, args[0] + ": " + args[1] + ": " + std::strerror(errno));
+        return false;
+    }
+    sh.out.redirect(file);
+    sh.once = once;
+    return true;
+}
+
+bool read_file(shell& sh, const words& args) {
+    // A file that reads itself would recurse until the stack runs out.
+    static int depth = 0;
+    if (depth == 32) {
+        report_failure(sh, ".read: " + args[1] + ": files nested 32 deep");
+        return false;
+    }
+    std::FILE* file = std::fopen(args[1].c_str(), "r");
+    if (file == nullptr) {
+        report_failure(sh, ".read: " + args[1] + ": " + std::strerror(errno));
+        return false;
+    }
+    const std::size_t errors = sh.errors;
+    ++depth;
+    run_stream(sh, file);
+    --depth;
+    std::fclose(file);
+    return sh.errors == errors;
+}
+
+bool set_timeout(shell& sh, const words& args) {
+    char* end = nullptr;
+    const long ms = std::strtol(args[1].c_str(), &end, 10);
+    if (args[1].empty() || *end != '\0' || ms < 0 || ms > 0x7FFFFFFF) {
+        report_failure(sh, ".timeout: not a number of milliseconds: " + args[1]);
+        return false;
+    }
+    sqlite3_busy_timeout(sh.db.sqlite(), static_cast<int>(ms));
+    return true;
+}
+
+bool import_command(shell& sh, const words& args) {
+    const std::size_t first = args.size() > 1 && args[1] == "--csv" ? 2 : 1;
+    if (args.size() != first + 2) {
+        report_failure(sh, "usage: .import [--csv] FILE TABLE");
+        return false;
+    }
+    return import_csv(sh, args[first], args[first + 1]);
+}
+
+bool set_switch(shell& sh, const words& args) {
+    const int value = parse_switch(args[1]);
+    if (value < 0) {
+        report_failure(sh, "usage: " + args[0] + " on|off");
+        return false;
+    }
+    if (args[0] == ".headers") sh.printer.options().headers = value != 0;
+    if (args[0] == ".bail") sh.bail = value != 0;
+    if (args[0] == ".changes") sh.changes = value != 0;
+    return true;
+}
+
+struct command {
+    const char* name;
+    std::size_t min_args;
+    std::size_t max_args;
+    const char* usage;
+    bool (*run)(shell&, const words&);
+};
+
+constexpr command commands[] = {
+    {".bail", 1, 1, "on|off", set_switch},
+    {".changes", 1, 1, "on|off", set_switch},
+    {".exit", 0, 0, "", [](shell& sh, const words&) { return sh.quit = true; }},
+    {".headers", 1, 1, "on|off", set_switch},
+    {".help", 0, 1, "",
+     [](shell& sh, const words&) {
+         sh.out.text() += dot_command_help;
+         return true;
+     }},
+    {".import", 2, 3, "[--csv] FILE TABLE", import_command},
+    {".mode", 1, 1, "table|csv|list|line|json", set_mode},
+    {".nullvalue", 1, 1, "TEXT",
+     [](shell& sh, const words& args) {
+         sh.printer.options().null_set = true;
+         sh.printer.options().null_value = args[1];
+         return true;
+     }},
+    {".once", 1, 1, "FILE", redirect_output},
+    {".output", 0, 1, "[FILE]", redirect_output},
+    {".quit", 0, 0, "", [](shell& sh, const words&) { return sh.quit = true; }},
+    {".read", 1, 1, "FILE", read_file},
+    {".schema", 0, 1, "[PATTERN]", show_schema},
+    {".separator", 1, 1, "TEXT",
+     [](shell& sh, const words& args) {
+         sh.printer.options().separator = args[1];
+         return true;
+     }},
+    {".tables", 0, 1, "[PATTERN]", list_tables},
+    {".timeout", 1, 1, "MS", set_timeout},
+};
+
+}  // namespace
+
+bool run_dot_command(shell& sh, const std::string& line) {
+    const words args = split_words(line);
+    for (const command& c : commands) {
+        if (args[0] != c.name) continue;
+        if (args.size() < c.min_args + 1 || args.size() > c.max_args + 1) {
+            report_failure(sh, std::string("usage: ") + c.name + (*c.usage != '\0' ? " " : "") + c.usage);
+            return false;
+        }
+        const bool ok = c.run(sh, args);
+        sh.out.flush();
+        return ok;
+    }
+    report_failure(sh, "unknown command '" + args[0] + "' (.help lists the commands)");
+    return false;
+}
+
+}  // namespace kiv_host
