@@ -75,8 +75,8 @@ include(CPack)
 cpack_add_component(lib DESCRIPTION [=[SQLite access for kiv framework programs (plug-in library)
 libkiv_database gives programs of the kiv application framework SQLite
 connection objects behind a flat set of kiv_sqlite_* functions, and a
-process-wide "database" worker service (kiv_database_*) on which database
-work runs on one thread.
+process-wide worker service named database (kiv_database_*) on which
+database work runs on one thread.
 
 The library is a plug-in: it takes the framework core and SQLite from the
 program that loads it.]=])
@@ -88,8 +88,11 @@ A program builds against the framework core it runs with: the real core's
 development files, or the stand-in (libkiv-framework-standin-dev).]=])
 cpack_add_component(host DESCRIPTION [=[host program of the kiv_database library
 kiv_host links the framework (here its stand-in) and SQLite, loads
-libkiv_database and runs SQL on a database file, or a demonstration of the
-library's database worker service.]=])
+libkiv_database and runs SQL on a database file through it: SQL texts and
+dot-commands given as arguments, a script read from standard input, or an
+interactive session with line editing and history, in the manner of the
+sqlite3 shell. Without arguments it runs a demonstration of the library's
+database worker service.]=])
 cpack_add_component(standin DESCRIPTION [=[stand-in for the kiv framework core (runtime)
 A small replacement of the kiv framework core (base object, assertion
 function, thread service), enough to run libkiv_database outside the
