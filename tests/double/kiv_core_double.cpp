@@ -32,12 +32,17 @@ boost::shared_ptr<_kiv_object> _kiv_object::shared_object() { return boost::stat
 std::string _kiv_object::type_tag() { return "[kiv_object]"; }
 void _kiv_object::destroy(std::string, int) {}
 void _kiv_object::describe() {}
-bool _kiv_object::is_reffed() { return lock_t(refs_lock), refs.count(this) != 0; }
+bool _kiv_object::is_reffed() {
+    const lock_t guard(refs_lock);
+    return refs.count(this) != 0;
+}
 void kiv_object_ref(boost::shared_ptr<_kiv_object> object) { lock_t guard(refs_lock); refs.emplace(object.get(), object); }
 void kiv_object_unref_real(boost::shared_ptr<_kiv_object> object) { lock_t guard(refs_lock); refs.erase(object.get()); }
 bool kiv_property_get(std::map<std::string, boost::any>& properties, std::string key, boost::any& value) {
     const auto found = properties.find(key);
-    return found != properties.end() && (value = found->second, true);
+    if (found == properties.end()) return false;
+    value = found->second;
+    return true;
 }
 void kiv_assertion_faild(bool, std::string, std::string, std::string, int) {}
 
@@ -200,14 +205,17 @@ bool kiv_thread_service_wait(kiv_thread_service_handle s, long timeout_ms) {
     if (running_service == s.get()) return false;
     lock_t lk(s->lock);
     const auto done = [&] { return s->finished; };
-    if (timeout_ms < 0) return s->finished_cv.wait(lk, done), true;
-    return s->finished_cv.wait_for(lk, std::chrono::milliseconds(timeout_ms), done);
+    if (timeout_ms >= 0) return s->finished_cv.wait_for(lk, std::chrono::milliseconds(timeout_ms), done);
+    s->finished_cv.wait(lk, done);
+    return true;
 }
 kiv_thread_service_handle kiv_thread_service_find(std::string name) {
     lock_t guard(services_lock);
     for (auto weak = services.rbegin(); weak != services.rend(); ++weak) {  // the newest first
         const kiv_thread_service_handle s = weak->lock();
-        if (s && s->name == name && (lock_t(s->lock), !s->finished)) return s;  // read under the lock
+        if (!s || s->name != name) continue;
+        const lock_t finished_guard(s->lock);
+        if (!s->finished) return s;
     }
     return {};
 }
