@@ -1,5 +1,7 @@
 #include "framework/kiv_assertion.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <iostream>
 #include <memory>
@@ -13,6 +15,10 @@ namespace {
 std::atomic<bool> handler_installed{false};
 std::mutex handler_lock;
 std::shared_ptr<const kiv_assertion_handler> installed_handler;
+// Held across fork(), so that a child forked beside an assertion call finds it free.
+// NOLINTNEXTLINE(cert-err58-cpp): a C function, it does not throw
+const int fork_handler =
+    pthread_atfork([] { handler_lock.lock(); }, [] { handler_lock.unlock(); }, [] { handler_lock.unlock(); });
 
 }  // namespace
 

@@ -1,5 +1,7 @@
 #include "framework/kiv_object.h"
 
+#include <pthread.h>
+
 #include <iostream>
 #include <unordered_map>
 #include <utility>
@@ -20,6 +22,9 @@ reference_table& references() {
     static reference_table* table = [] {
         auto* t = new reference_table;
         std::atexit(release_all);
+        // Held across fork(), so that a child forked beside a reference call finds it free.
+        pthread_atfork([] { references().lock.lock(); }, [] { references().lock.unlock(); },
+                       [] { references().lock.unlock(); });
         return t;
     }();
     return *table;

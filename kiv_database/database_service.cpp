@@ -3,13 +3,16 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -18,23 +21,86 @@
 
 namespace {
 
-// Process-wide state, constructed at load in this order and destroyed in reverse at unload.
-boost::shared_ptr<_kiv_thread_service> database_service;
-std::vector<boost::shared_ptr<_kiv_object>> database_objects;
-std::map<std::string, boost::shared_ptr<_kiv_sqlite>> sqlite_registry;
+// Process-wide state that is never destroyed: a framework may run work late in exit, on a
+// worker that outlives the statics, or keep the library's jobs after it is unloaded, and such
+// work must never meet destroyed state. A forked child starts afresh (below).
+template <class T>
+class no_destructor {
+public:
+    no_destructor() { new (bytes_) T(); }
+    T* operator->() { return std::launder(reinterpret_cast<T*>(bytes_)); }
+    // The parent's state is left as it was: releasing it could run SQLite or framework code
+    // that is not fork-safe, on state another thread of the parent was changing. Its bytes stay
+    // reachable (for leak checkers), and fresh state, locks included, takes its place.
+    void start_afresh() {
+        std::memcpy(kept_, bytes_, sizeof(T));
+        new (bytes_) T();
+    }
 
-// Guards database_service, shutdown_requested and database_objects. Never held together with
-// an object mutex or the registry's lock.
-std::mutex database_mutex;
-bool shutdown_requested = false;
-// Guards the registry map, and the statement of a registered connection while a lookup or its
-// destroy job releases it. Never held together with database_mutex or an object mutex.
-std::mutex registry_mutex;
-// Signalled by the finish handler, for the wait at exit.
-std::condition_variable service_finished;
+private:
+    alignas(T) unsigned char bytes_[sizeof(T)];
+    alignas(T) unsigned char kept_[sizeof(T)];
+};
 
-// Set while this thread runs a job or timer that the library forwarded.
-thread_local bool in_forwarded_job = false;
+// A job handed over with kiv_database_exec, shared by the thread service's copies of it. Listed
+// from hand-over until it starts, so that the exit can run what the framework has not.
+struct queued_job {
+    std::function<void()> function;  // empty once taken to run
+    bool destroy_job = false;        // the library's own: run at exit even when queued late
+    unsigned long long seq = 0;
+    queued_job* prev = nullptr;
+    queued_job* next = nullptr;
+    bool listed = false;
+    ~queued_job();
+};
+
+struct service_state {
+    // Guards database_service, shutdown_requested and database_objects. Never held together
+    // with an object mutex or the registry's lock.
+    std::mutex database_mutex;
+    boost::shared_ptr<_kiv_thread_service> database_service;
+    bool shutdown_requested = false;
+    std::vector<boost::shared_ptr<_kiv_object>> database_objects;
+
+    // Guards the registry map, and the statement of a registered connection while a lookup or
+    // its destroy job releases it. Never held together with database_mutex or an object mutex.
+    std::mutex registry_mutex;
+    std::map<std::string, boost::shared_ptr<_kiv_sqlite>> sqlite_registry;
+
+    // Guards the work below; a leaf: nothing else is locked or called while it is held.
+    std::mutex work_mutex;
+    std::condition_variable work_done;  // for the exit, waiting for work on other threads
+    queued_job* first = nullptr;        // queued jobs, oldest first
+    queued_job* last = nullptr;
+    unsigned long long next_seq = 0;
+    int running = 0;  // forwarded functions running now, on any thread
+    bool exiting = false;
+    std::thread::id exiting_thread;
+    std::vector<std::shared_ptr<queued_job>> left_for_exit;  // skipped elsewhere, kept for the exit
+};
+no_destructor<service_state> state;
+
+// Whether the stop callback has printed for the current service: at exit, a finish that the
+// framework brings about on its own (no handshake) prints nothing.
+std::atomic<bool> handshake_stopped{false};
+std::atomic<bool> exiting{false};
+bool exit_step_registered = false;  // under database_mutex; a forked child inherits it
+
+// Forwarded functions this thread is running (jobs may nest: run_once inside a job).
+thread_local int running_here = 0;
+
+void unlist(queued_job& job) {
+    (job.prev != nullptr ? job.prev->next : state->first) = job.next;
+    (job.next != nullptr ? job.next->prev : state->last) = job.prev;
+    job.prev = job.next = nullptr;
+    job.listed = false;
+}
+
+queued_job::~queued_job() {
+    if (!listed) return;
+    const std::lock_guard<std::mutex> guard(state->work_mutex);
+    if (listed) unlist(*this);
+}
 
 // database_mutex around a call into the thread service. What the thread service destroys of the
 // caller's meanwhile (a core may destroy cleared, replaced or refused work right inside the call)
@@ -45,155 +111,241 @@ thread_local service_lock* current_service_lock = nullptr;
 
 struct service_lock {
     std::vector<std::shared_ptr<void>> held_back;  // members go in reverse: after the unlock
-    std::unique_lock<std::mutex> lock{database_mutex};
+    std::unique_lock<std::mutex> lock{state->database_mutex};
     service_lock() { current_service_lock = this; }
     ~service_lock() { current_service_lock = nullptr; }
 };
 
-// Destroyed first at unload, which -z nodelete puts at process exit. A service still running
-// then (no join) would run destroy jobs and the finish handler on the state above after it is
-// gone: stop it and wait for its finish handler. Not from inside one of its jobs, which would
-// wait for itself; a forked child starts afresh (below), so this is always its own service.
-struct service_drain {
-    ~service_drain() {
-        service_lock guard;
-        if (!database_service || in_forwarded_job) return;
-        kiv_thread_service_stop(database_service, [](const boost::shared_ptr<_kiv_thread_service>&) {});
-        service_finished.wait(guard.lock, [] { return !database_service; });
+// Counts a forwarded function as running while it runs (and dies), for the exit's wait. Once
+// the process is exiting, only the exiting thread runs the library's work: elsewhere it is
+// skipped.
+class running_scope {
+public:
+    running_scope() {
+        const std::lock_guard<std::mutex> guard(state->work_mutex);
+        admitted_ = !state->exiting || state->exiting_thread == std::this_thread::get_id();
+        if (!admitted_) return;
+        ++state->running;
+        ++running_here;
     }
-} drain_at_unload;
+    running_scope(const running_scope&) = delete;
+    running_scope& operator=(const running_scope&) = delete;
+    ~running_scope() {
+        if (!admitted_) return;
+        const std::lock_guard<std::mutex> guard(state->work_mutex);
+        --state->running;
+        --running_here;
+        if (state->exiting) state->work_done.notify_all();
+    }
+    bool admitted() const { return admitted_; }
 
-// A forked child starts as if the library had just been loaded. The parent's service, objects
-// and registry are its own: releasing them here could run SQLite or framework code that is not
-// fork-safe, on state another thread of the parent may have been changing. So they are left
-// alone, their bytes kept reachable (for leak checkers), and fresh state takes their place. The
-// locks are made anew too: the thread that held one at the fork does not exist here.
-template <class T>
-void start_afresh(T& value) {
-    alignas(T) static unsigned char kept[sizeof(T)];
-    std::memcpy(kept, static_cast<void*>(&value), sizeof(T));
-    new (&value) T();
+private:
+    bool admitted_ = false;
+};
+
+// The thread service's copy of a caller's function, shared among the copies it makes. A copy
+// that dies inside a call into the thread service hands its share to the library's lock, which
+// drops it after the unlock (service_lock).
+template <class Shared>
+class shared_work {
+public:
+    explicit shared_work(std::shared_ptr<Shared> shared) : shared_(std::move(shared)) {}
+    shared_work(const shared_work&) = default;
+    shared_work(shared_work&&) noexcept = default;  // a moved-from copy holds nothing back
+    shared_work& operator=(const shared_work&) = default;
+    shared_work& operator=(shared_work&&) noexcept = default;
+    ~shared_work() {
+        if (current_service_lock != nullptr && shared_) current_service_lock->held_back.push_back(std::move(shared_));
+    }
+
+protected:
+    std::shared_ptr<Shared> shared_;
+};
+
+// A timeout's job or an interval's callback: runs where the thread service runs it.
+template <class R>
+class forwarded_timer : public shared_work<std::function<R()>> {
+public:
+    using shared_work<std::function<R()>>::shared_work;
+    R operator()() const {
+        const running_scope running;
+        if (!running.admitted()) return R(true);  // skipped at exit; an interval keeps its timer
+        return (*this->shared_)();
+    }
+};
+
+// A job of kiv_database_exec: taken off the list when it starts, so that it runs once, whether
+// the thread service or the exit runs it.
+class forwarded_job : public shared_work<queued_job> {
+public:
+    using shared_work<queued_job>::shared_work;
+    void operator()() const {
+        const running_scope running;
+        if (!running.admitted()) return leave_for_exit();
+        std::function<void()> work;
+        {
+            const std::lock_guard<std::mutex> guard(state->work_mutex);
+            work.swap(shared_->function);  // stays empty when the exit ran it already
+            if (shared_->listed) unlist(*shared_);
+        }
+        if (work) work();
+    }  // the function dies here, still counted as running
+
+private:
+    // The exiting thread runs it: kept from dying with the thread service's copies.
+    void leave_for_exit() const {
+        const std::lock_guard<std::mutex> guard(state->work_mutex);
+        if (!shared_->listed) return;
+        try {
+            state->left_for_exit.push_back(shared_);
+        } catch (const std::bad_alloc&) {  // lost, as it would be on a core that drops it
+        }
+    }
+};
+
+// Lists a new job; it leaves the list when it starts, or when the thread service lets go of
+// every copy unrun.
+std::function<void()> forward_job(std::function<void()>&& function, bool destroy_job) {
+    if (!function) return {};  // an empty function is the thread service's to handle
+    auto job = std::make_shared<queued_job>();
+    job->function = std::move(function);
+    job->destroy_job = destroy_job;
+    const std::lock_guard<std::mutex> guard(state->work_mutex);
+    job->seq = state->next_seq++;
+    job->prev = state->last;
+    (state->last != nullptr ? state->last->next : state->first) = job.get();
+    state->last = job.get();
+    job->listed = true;
+    return forwarded_job(std::move(job));
 }
 
+template <class R>
+std::function<R()> forward_timer(std::function<R()>&& function) {
+    if (!function) return {};
+    return forwarded_timer<R>(std::make_shared<std::function<R()>>(std::move(function)));
+}
+
+// At exit, work must neither hang the process nor run on state that is gone. The library waits
+// only for what it can see finishing: its work running on other threads. Then it runs, on the
+// exiting thread and in order, the jobs queued before exit (and destroy jobs they queue), for a
+// framework that has no worker to run them or is asked to exit from its worker. From then on the
+// library's work runs nowhere else. The service is not stopped: that is the framework's.
+void run_queued_work_at_exit() {
+    std::unique_lock<std::mutex> lock(state->work_mutex);
+    if (state->exiting) return;
+    state->exiting = true;
+    exiting = true;
+    state->exiting_thread = std::this_thread::get_id();
+    const unsigned long long queued_before = state->next_seq;
+    state->work_done.wait(lock, [] { return state->running <= running_here; });
+    for (queued_job* job = state->first; job != nullptr; job = state->first) {
+        while (job != nullptr && job->seq >= queued_before && !job->destroy_job) job = job->next;
+        if (job == nullptr) break;
+        std::function<void()> work;
+        work.swap(job->function);
+        unlist(*job);
+        lock.unlock();
+        ++running_here;
+        try {
+            work();
+            work = nullptr;
+        } catch (...) {  // the framework would report it; at exit there is no one to tell
+        }
+        --running_here;
+        lock.lock();
+    }
+}
+
+// A forked child starts as if the library had just been loaded.
 // NOLINTNEXTLINE(cert-err58-cpp): a C function, it does not throw
 const int fork_handler = pthread_atfork(nullptr, nullptr, [] {
-    start_afresh(database_service);
-    start_afresh(database_objects);
-    start_afresh(sqlite_registry);
-    new (&database_mutex) std::mutex();
-    new (&registry_mutex) std::mutex();
-    shutdown_requested = false;
+    state.start_afresh();
+    handshake_stopped = false;
+    exiting = false;
 });
 
 void service_line(const char* text) { std::cout << text << std::endl; }
 
 void on_service_stopped(const boost::shared_ptr<_kiv_thread_service>&) {
+    handshake_stopped = true;
     service_line("DATABASE THREAD SERVICE STOPPED");
 }
 
 void on_service_finished(const boost::shared_ptr<_kiv_thread_service>&, int) {
-    service_line("DATABASE SERVICE DONE");
+    if (!exiting || handshake_stopped) service_line("DATABASE SERVICE DONE");
     boost::shared_ptr<_kiv_thread_service> released;  // dropped after the lock
-    std::lock_guard<std::mutex> guard(database_mutex);
-    released.swap(database_service);
-    service_finished.notify_all();
+    const std::lock_guard<std::mutex> guard(state->database_mutex);
+    released.swap(state->database_service);
 }
 
 // A join stops the service at once when no connection object is alive; otherwise the removal
 // that empties the live-object list stops it (kiv_database_unref).
 bool on_join_requested(const boost::shared_ptr<_kiv_thread_service>&, int) {
     service_line("DATABASE SERVICE SHOT DONW REQUEST");
-    service_lock guard;
-    shutdown_requested = true;
-    if (database_objects.empty()) kiv_thread_service_stop(database_service, on_service_stopped);
+    const service_lock guard;
+    state->shutdown_requested = true;
+    if (state->database_objects.empty()) kiv_thread_service_stop(state->database_service, on_service_stopped);
     return true;
 }
 
-// Called with database_mutex held.
+// Called with database_mutex held. The exit step is registered after the thread service has
+// been created, so it runs before a framework's own exit step registered then.
 void create_service() {
-    if (database_service) return;
-    database_service = kiv_thread_service_new("database");
-    kiv_thread_service_on_finished(database_service, on_service_finished);
-    kiv_thread_service_set_join_handler(database_service, on_join_requested);
+    if (state->database_service) return;
+    state->database_service = kiv_thread_service_new("database");
+    handshake_stopped = false;
+    kiv_thread_service_on_finished(state->database_service, on_service_finished);
+    kiv_thread_service_set_join_handler(state->database_service, on_join_requested);
+    if (!std::exchange(exit_step_registered, true)) std::atexit(run_queued_work_at_exit);
 }
 
 // The scheduling functions hold database_mutex across the forwarding call, so that they never
 // see the handle half reset by the finish handler. `forward` gets its own copy of the handle.
 template <class Forward>
 auto with_service(Forward&& forward) {
-    service_lock guard;
-    return forward(database_service);
-}
-
-// Marks the thread as running a forwarded job, for the wait at exit; nests (run_once in a job).
-struct job_marker {
-    const bool outer = std::exchange(in_forwarded_job, true);
-    ~job_marker() { in_forwarded_job = outer; }
-};
-
-// The thread service's copy of a caller's function, shared among the copies it makes. A copy
-// that dies inside a call into the thread service hands its share to the library's lock, which
-// drops it after the unlock (service_lock).
-template <class R>
-class forwarded {
-public:
-    explicit forwarded(std::function<R()>&& function)
-        : function_(std::make_shared<std::function<R()>>(std::move(function))) {}
-    forwarded(const forwarded&) = default;
-    forwarded(forwarded&&) noexcept = default;  // a moved-from copy holds nothing back
-    forwarded& operator=(const forwarded&) = default;
-    forwarded& operator=(forwarded&&) noexcept = default;
-    ~forwarded() {
-        if (current_service_lock != nullptr && function_)
-            current_service_lock->held_back.push_back(std::move(function_));
-    }
-    R operator()() const {
-        const job_marker marker;
-        return (*function_)();
-    }
-
-private:
-    std::shared_ptr<std::function<R()>> function_;
-};
-
-// Empty for an empty function, which the thread service handles.
-template <class R>
-std::function<R()> forward_function(std::function<R()>&& function) {
-    if (!function) return {};
-    return forwarded<R>(std::move(function));
+    const service_lock guard;
+    return forward(state->database_service);
 }
 
 auto find_object(const _kiv_object* object) {
-    return std::find_if(database_objects.begin(), database_objects.end(),
+    return std::find_if(state->database_objects.begin(), state->database_objects.end(),
                         [object](const boost::shared_ptr<_kiv_object>& entry) { return entry.get() == object; });
+}
+
+void exec_job(std::function<void()> job, std::string file, int line, bool destroy_job) {
+    with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
+        kiv_thread_service_exec(std::move(service), forward_job(std::move(job), destroy_job), std::move(file), line);
+    });
 }
 
 }  // namespace
 
 void kiv_database_init() {
-    service_lock guard;
+    const service_lock guard;
     create_service();
 }
 
 // --- Work scheduling ---
 
 void kiv_database_exec(std::function<void()> job, std::string file, int line) {
-    with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        kiv_thread_service_exec(std::move(service), forward_function(std::move(job)), std::move(file), line);
-    });
+    exec_job(std::move(job), std::move(file), line, false);
+}
+
+void kiv_database_exec_destroy_job(std::function<void()> job, std::string file, int line) {
+    exec_job(std::move(job), std::move(file), line, true);
 }
 
 unsigned long kiv_database_set_timeout(std::function<void()> job, unsigned long delay, std::string file, int line) {
     return with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        return kiv_thread_service_set_timeout(std::move(service), forward_function(std::move(job)), delay,
-                                              std::move(file), line);
+        return kiv_thread_service_set_timeout(std::move(service), forward_timer(std::move(job)), delay, std::move(file),
+                                              line);
     });
 }
 
 unsigned long kiv_database_set_interval(std::function<bool()> callback, unsigned long interval, std::string file,
                                         int line) {
     return with_service([&](boost::shared_ptr<_kiv_thread_service> service) {
-        return kiv_thread_service_set_interval(std::move(service), forward_function(std::move(callback)), interval,
+        return kiv_thread_service_set_interval(std::move(service), forward_timer(std::move(callback)), interval,
                                                std::move(file), line);
     });
 }
@@ -214,8 +366,8 @@ void kiv_database_clear_interval(unsigned long timer_id) {
 int kiv_database_run_once() {
     boost::shared_ptr<_kiv_thread_service> service;
     {
-        std::lock_guard<std::mutex> guard(database_mutex);
-        service = database_service;
+        const std::lock_guard<std::mutex> guard(state->database_mutex);
+        service = state->database_service;
     }
     return kiv_thread_service_run_once(std::move(service));
 }
@@ -223,54 +375,56 @@ int kiv_database_run_once() {
 // --- Live-object tracking ---
 
 void kiv_database_ref(boost::shared_ptr<_kiv_object> object) {
-    std::lock_guard<std::mutex> guard(database_mutex);
-    if (find_object(object.get()) == database_objects.end()) database_objects.push_back(std::move(object));
+    const std::lock_guard<std::mutex> guard(state->database_mutex);
+    if (find_object(object.get()) == state->database_objects.end())
+        state->database_objects.push_back(std::move(object));
 }
 
 void kiv_database_unref(const boost::shared_ptr<_kiv_object>& object) {
     // The caller's handle keeps the object alive, so no destructor runs under the lock.
-    service_lock guard;
+    const service_lock guard;
     const auto entry = find_object(object.get());
-    if (entry == database_objects.end()) return;
-    database_objects.erase(entry);
-    std::cout << "left objects in database reference count: " << database_objects.size() << std::endl;
-    if (shutdown_requested && database_objects.empty()) kiv_thread_service_stop(database_service, on_service_stopped);
+    if (entry == state->database_objects.end()) return;
+    state->database_objects.erase(entry);
+    std::cout << "left objects in database reference count: " << state->database_objects.size() << std::endl;
+    if (state->shutdown_requested && state->database_objects.empty())
+        kiv_thread_service_stop(state->database_service, on_service_stopped);
 }
 
 // --- Named-connection registry ---
 
 void kiv_database_register_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection) {
     std::string name = connection->get_name();
-    std::lock_guard<std::mutex> guard(registry_mutex);
-    sqlite_registry.try_emplace(std::move(name), connection);  // the first one stays
+    const std::lock_guard<std::mutex> guard(state->registry_mutex);
+    state->sqlite_registry.try_emplace(std::move(name), connection);  // the first one stays
 }
 
 void kiv_database_unregister_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection) {
     const std::string name = connection->get_name();
     boost::shared_ptr<_kiv_sqlite> removed;  // released after the lock
-    std::lock_guard<std::mutex> guard(registry_mutex);
-    const auto entry = sqlite_registry.find(name);
-    if (entry == sqlite_registry.end()) return;
+    const std::lock_guard<std::mutex> guard(state->registry_mutex);
+    const auto entry = state->sqlite_registry.find(name);
+    if (entry == state->sqlite_registry.end()) return;
     removed.swap(entry->second);
-    sqlite_registry.erase(entry);
+    state->sqlite_registry.erase(entry);
 }
 
 boost::shared_ptr<_kiv_sqlite> kiv_database_get_sqlite(std::string name) {
     boost::shared_ptr<_kiv_sqlite> found;
     {
-        std::lock_guard<std::mutex> guard(registry_mutex);
-        const auto entry = sqlite_registry.find(name);
-        if (entry == sqlite_registry.end()) return {};
+        const std::lock_guard<std::mutex> guard(state->registry_mutex);
+        const auto entry = state->sqlite_registry.find(name);
+        if (entry == state->sqlite_registry.end()) return {};
         found = entry->second;
     }
     if (!found->is_opened()) {
         boost::shared_ptr<_kiv_sqlite> stale;  // released after the lock
-        std::lock_guard<std::mutex> guard(registry_mutex);
-        const auto entry = sqlite_registry.find(name);
+        const std::lock_guard<std::mutex> guard(state->registry_mutex);
+        const auto entry = state->sqlite_registry.find(name);
         // Another thread may have re-entered the name meanwhile: remove only this object's entry.
-        if (entry != sqlite_registry.end() && entry->second == found) {
+        if (entry != state->sqlite_registry.end() && entry->second == found) {
             stale.swap(entry->second);
-            sqlite_registry.erase(entry);
+            state->sqlite_registry.erase(entry);
         }
         return {};
     }
@@ -283,6 +437,6 @@ boost::shared_ptr<_kiv_sqlite> kiv_database_get_sqlite(std::string name) {
 // Two lookups of the same connection, or a lookup and the destroy job, may reach here at once:
 // the registry's lock makes the statement go exactly once. finalize() takes no other lock.
 void kiv_database_release_statement(_kiv_sqlite& connection) {
-    std::lock_guard<std::mutex> guard(registry_mutex);
+    const std::lock_guard<std::mutex> guard(state->registry_mutex);
     connection.finalize();
 }

@@ -150,6 +150,8 @@ KIV_DATABASE_LOCAL void kiv_database_unref(const boost::shared_ptr<_kiv_object>&
 // Registry: enter under the name if it is free; remove whatever is under the name.
 KIV_DATABASE_LOCAL void kiv_database_register_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection);
 KIV_DATABASE_LOCAL void kiv_database_unregister_sqlite(const boost::shared_ptr<_kiv_sqlite>& connection);
+// kiv_database_exec for a destroy job, which the exit runs even when it was queued late.
+KIV_DATABASE_LOCAL void kiv_database_exec_destroy_job(std::function<void()> job, std::string file, int line);
 // Finalizes the connection's statement under the registry's lock (lookups and the destroy job).
 KIV_DATABASE_LOCAL void kiv_database_release_statement(_kiv_sqlite& connection);
 /// \endcond

@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <type_traits>
 #include <utility>
@@ -60,14 +61,29 @@ boost::shared_ptr<_kiv_sqlite> self_handle(_kiv_sqlite& object) {
 }
 
 // Runs on the database worker: release the statement and the connection, give the framework
-// reference back and leave the live-object list (which may complete a requested shutdown).
+// reference back and leave the live-object list (which may complete a requested shutdown). If
+// the close fails (an allocation in the registry), the object is still released and untracked,
+// so that a shutdown never waits for it; the failure then reaches the thread service.
 void run_destroy_job(const boost::shared_ptr<_kiv_sqlite>& object) {
-    if (object->is_opened()) {
-        kiv_database_release_statement(*object);  // a lookup may be releasing it right now
-        object->close();
+    std::exception_ptr failure;
+    try {
+        if (object->is_opened()) {
+            kiv_database_release_statement(*object);  // a lookup may be releasing it right now
+            object->close();
+        }
+    } catch (...) {
+        failure = std::current_exception();
     }
     if (object->is_reffed()) kiv_object_unref_real(object);
     kiv_database_unref(boost::static_pointer_cast<_kiv_object>(object->shared_from_this()));
+    if (failure) std::rethrow_exception(failure);
+}
+
+// The "object-destroyed" mark of the base object, if it holds a bool; written in place, so that
+// setting or clearing it allocates nothing.
+bool* destroyed_mark(std::map<std::string, boost::any>& properties) {
+    const auto entry = properties.find("object-destroyed");
+    return entry == properties.end() ? nullptr : boost::any_cast<bool>(&entry->second);
 }
 
 // Byte-block binders share the size rule: SQLite takes an int length, so larger sizes are
@@ -158,7 +174,12 @@ boost::shared_ptr<_kiv_sqlite> kiv_sqlite_new(std::string path, std::string name
     // The handle's constructor deletes the object if its ownership record cannot be allocated.
     boost::shared_ptr<_kiv_sqlite> handle(new _kiv_sqlite(std::move(path), std::move(name)));
     kiv_object_ref(handle);
-    kiv_database_ref(handle);
+    try {
+        kiv_database_ref(handle);
+    } catch (...) {  // no list entry: the framework's reference would keep the object for good
+        kiv_object_unref_real(handle);
+        throw;
+    }
     return handle;
 }
 
@@ -226,8 +247,9 @@ bool kiv_sqlite_is_opened(boost::shared_ptr<_kiv_sqlite> handle) {
 // Destruction
 
 void _kiv_sqlite::destroy(std::string file, int line) {
+    bool* mark = nullptr;  // set by this call, and cleared again if the job cannot be posted
     {
-        std::lock_guard<std::mutex> guard(mutex);
+        const std::lock_guard<std::mutex> guard(mutex);
         boost::any destroyed;
         if (kiv_property_get(properties, "object-destroyed", destroyed)) {
             try {
@@ -242,13 +264,22 @@ void _kiv_sqlite::destroy(std::string file, int line) {
                           << e.what() << std::endl;
                 return;
             }
-            properties["object-destroyed"] = true;
+            mark = destroyed_mark(properties);
+            if (mark != nullptr) *mark = true;
         }
     }
     // Posted whether or not the object is open, so that every destroyed object leaves the
     // live-object list and a requested shutdown never waits on it.
-    std::function<void()> job = [object = self_handle(*this)] { run_destroy_job(object); };
-    kiv_database_exec(std::move(job), source_file, __LINE__);
+    try {
+        std::function<void()> job = [object = self_handle(*this)] { run_destroy_job(object); };
+        kiv_database_exec_destroy_job(std::move(job), source_file, __LINE__);
+    } catch (...) {  // no job: the object stays as it was, so that a later destroy works
+        if (mark != nullptr) {
+            const std::lock_guard<std::mutex> guard(mutex);
+            *mark = false;
+        }
+        throw;
+    }
 }
 
 bool kiv_sqlite_destroy(boost::shared_ptr<_kiv_sqlite> handle, std::string file, int line) {

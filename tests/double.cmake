@@ -11,3 +11,6 @@ target_link_libraries(kiv_double_tests PRIVATE $<TARGET_FILE:kiv_database> kiv_c
   kiv_test_support GTest::gtest_main)
 add_dependencies(kiv_double_tests kiv_database)
 gtest_discover_tests(kiv_double_tests TEST_PREFIX double. DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+# And on the same core without a worker: everything runs in run_once, which the tests pump.
+gtest_discover_tests(kiv_double_tests TEST_PREFIX threadless. DISCOVERY_TIMEOUT 60
+  PROPERTIES TIMEOUT 300 ENVIRONMENT KIV_DOUBLE_THREADLESS=1)

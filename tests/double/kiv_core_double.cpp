@@ -3,11 +3,14 @@
 // and refused functions destroyed inside the call; the stop callback inside stop when the
 // worker is idle; the finish handler on the worker; run_once on the caller's thread; nothing on
 // fork or exit; no "object-destroyed" entered by the base object. Deliberately small.
+// With KIV_DOUBLE_THREADLESS set it has no worker at all: jobs, timers, the stop callbacks and
+// the finish handler run only inside run_once, on the host's thread, and wait cannot wait.
 
 #include <boost/make_shared.hpp>
 #include <boost/weak_ptr.hpp>
 
 #include <chrono>
+#include <cstdlib>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -61,7 +64,7 @@ public:
     std::condition_variable finished_cv;
     std::deque<std::function<void()>> jobs;
     std::map<unsigned long, timer> timers;
-    bool busy = false, stopped = false, finished = false;
+    bool busy = false, stopped = false, finished = false, threadless = false;
     int code = 0;
     std::vector<kiv_thread_service_stop_callback> stop_callbacks;
     kiv_thread_service_finish_handler finish_handler;
@@ -102,13 +105,8 @@ bool run_one(_kiv_thread_service& s, lock_t& lk) {
     return lk.lock(), true;
 }
 
-void loop(kiv_thread_service_handle s) {
-    lock_t lk(s->lock);
-    while (run_one(*s, lk) || !s->stopped) {  // queued jobs still run after a stop
-        lk.unlock();
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-        lk.lock();
-    }
+// After the stop, once the queue is empty: the stop callbacks, then the finish handler.
+void finish(const kiv_thread_service_handle& s, lock_t& lk) {
     auto callbacks = std::exchange(s->stop_callbacks, {});
     auto dropped = std::make_tuple(std::exchange(s->timers, {}), std::exchange(s->join_handler, nullptr),
                                    std::exchange(s->finish_handler, nullptr));
@@ -118,6 +116,16 @@ void loop(kiv_thread_service_handle s) {
     lk.lock();
     s->finished = true;
     s->finished_cv.notify_all();
+}
+
+void loop(kiv_thread_service_handle s) {
+    lock_t lk(s->lock);
+    while (run_one(*s, lk) || !s->stopped) {  // queued jobs still run after a stop
+        lk.unlock();
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        lk.lock();
+    }
+    finish(s, lk);
 }
 
 template <class F>
@@ -150,9 +158,10 @@ bool clear_timer(const kiv_thread_service_handle& s, unsigned long id) {
 kiv_thread_service_handle kiv_thread_service_new(std::string name) {
     auto s = boost::make_shared<_kiv_thread_service>();
     s->name = std::move(name);
+    s->threadless = std::getenv("KIV_DOUBLE_THREADLESS") != nullptr;
     lock_t guard(services_lock);
     services.push_back(s);
-    std::thread(loop, s).detach();
+    if (!s->threadless) std::thread(loop, s).detach();
     return s;
 }
 void kiv_thread_service_on_finished(kiv_thread_service_handle s, kiv_thread_service_finish_handler h) {
@@ -189,6 +198,7 @@ int kiv_thread_service_run_once(kiv_thread_service_handle s) {
     lock_t lk(s->lock);
     int count = 0;
     for (std::size_t due = s->jobs.size() + s->timers.size(); due > 0 && run_one(*s, lk); --due) ++count;
+    if (s->threadless && s->stopped && s->jobs.empty() && !s->busy && !s->finished) s->busy = true, finish(s, lk);
     return count;
 }
 
@@ -204,6 +214,7 @@ void kiv_thread_service_join(kiv_thread_service_handle s, int code) {
 bool kiv_thread_service_wait(kiv_thread_service_handle s, long timeout_ms) {
     if (running_service == s.get()) return false;
     lock_t lk(s->lock);
+    if (s->threadless) return s->finished;  // nothing would end the wait: the host pumps
     const auto done = [&] { return s->finished; };
     if (timeout_ms >= 0) return s->finished_cv.wait_for(lk, std::chrono::milliseconds(timeout_ms), done);
     s->finished_cv.wait(lk, done);
