@@ -304,9 +304,10 @@ void _kiv_thread_service::finish(const kiv_thread_service_handle& self) {
     std::unique_lock<std::mutex> lk(lock);
     current = state::stopped;  // from here on handlers are refused and stop calls back at once
     armed.clear();
-    released.push_back(wrap(std::exchange(schedule, {})));  // pending timers are cancelled
-    released.push_back(wrap(std::exchange(join_handler, nullptr)));
     {
+        // Pending timers are cancelled; they and the join handler die after the handlers ran.
+        const auto cancelled = std::exchange(schedule, {});
+        const auto join = std::exchange(join_handler, nullptr);
         const auto callbacks = std::exchange(stop_callbacks, {});
         const auto handler = std::exchange(finish_handler, nullptr);
         const int code = join_code.value_or(0);

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
@@ -110,7 +111,10 @@ struct service_lock;
 thread_local service_lock* current_service_lock = nullptr;
 
 struct service_lock {
-    std::vector<std::shared_ptr<void>> held_back;  // members go in reverse: after the unlock
+    // A call lets go of one function or so (cleared, refused, replaced); slots allocate nothing,
+    // so that a destructor can use them. Members go in reverse: these after the unlock.
+    std::array<std::shared_ptr<void>, 4> held_back;
+    std::size_t held = 0;
     std::unique_lock<std::mutex> lock{state->database_mutex};
     service_lock() { current_service_lock = this; }
     ~service_lock() { current_service_lock = nullptr; }
@@ -155,7 +159,8 @@ public:
     shared_work& operator=(const shared_work&) = default;
     shared_work& operator=(shared_work&&) noexcept = default;
     ~shared_work() {
-        if (current_service_lock != nullptr && shared_) current_service_lock->held_back.push_back(std::move(shared_));
+        service_lock* const lock = current_service_lock;
+        if (lock != nullptr && shared_ && lock->held < lock->held_back.size()) lock->held_back[lock->held++] = std::move(shared_);
     }
 
 protected:

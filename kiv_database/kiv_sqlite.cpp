@@ -62,8 +62,9 @@ boost::shared_ptr<_kiv_sqlite> self_handle(_kiv_sqlite& object) {
 
 // Runs on the database worker: release the statement and the connection, give the framework
 // reference back and leave the live-object list (which may complete a requested shutdown). If
-// the close fails (an allocation in the registry), the object is still released and untracked,
-// so that a shutdown never waits for it; the failure then reaches the thread service.
+// the close fails (an allocation for its check or the registry), the connection is released
+// without them and the object still untracked, so that a shutdown never waits for it; the
+// failure then reaches the thread service.
 void run_destroy_job(const boost::shared_ptr<_kiv_sqlite>& object) {
     std::exception_ptr failure;
     try {
@@ -73,6 +74,7 @@ void run_destroy_job(const boost::shared_ptr<_kiv_sqlite>& object) {
         }
     } catch (...) {
         failure = std::current_exception();
+        object->release_connection();
     }
     if (object->is_reffed()) kiv_object_unref_real(object);
     kiv_database_unref(boost::static_pointer_cast<_kiv_object>(object->shared_from_this()));
@@ -105,7 +107,12 @@ _kiv_sqlite::_kiv_sqlite(std::string path_, std::string name_) : path(std::move(
 
 _kiv_sqlite::~_kiv_sqlite() {
     finalize();
-    if (is_opened()) close_connection(__LINE__);
+    if (!is_opened()) return;
+    try {
+        check_db(__LINE__);
+    } catch (...) {  // the check's texts could not be allocated: the connection goes all the same
+    }
+    release_connection();
 }
 
 boost::shared_ptr<_kiv_object> _kiv_sqlite::shared_object() {
@@ -219,6 +226,11 @@ void _kiv_sqlite::close() {
 
 void _kiv_sqlite::close_connection(int line) {
     check_db(line);
+    release_connection();
+}
+
+// No check and no allocation: for the destructor, and for a destroy job whose close failed.
+void _kiv_sqlite::release_connection() {
     sqlite3_close(db);  // a null connection is a no-op
     db = nullptr;
     set_opened(false);

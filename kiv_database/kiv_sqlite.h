@@ -86,6 +86,7 @@ public:
     KIV_DATABASE_LOCAL int open();
     KIV_DATABASE_LOCAL int try_open();
     KIV_DATABASE_LOCAL void close();
+    KIV_DATABASE_LOCAL void release_connection();  // close() without its check and the registry
 
     KIV_DATABASE_LOCAL int sql_stmt(const char* sql, char** errmsg);
     KIV_DATABASE_LOCAL int prepare(std::string sql);

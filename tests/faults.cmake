@@ -4,3 +4,9 @@ add_executable(kiv_fault_tests ${CMAKE_CURRENT_SOURCE_DIR}/faults/faults_main.cp
 kiv_host_executable(kiv_fault_tests)
 target_link_libraries(kiv_fault_tests PRIVATE kiv_test_support GTest::gtest)
 gtest_discover_tests(kiv_fault_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS faults)
+
+# Allocation failure: operator new fails each allocation of a session in turn.
+add_executable(kiv_alloc_tests ${CMAKE_CURRENT_SOURCE_DIR}/faults/alloc_sweep.cpp)
+kiv_host_executable(kiv_alloc_tests)
+target_link_libraries(kiv_alloc_tests PRIVATE kiv_test_support GTest::gtest_main)
+gtest_discover_tests(kiv_alloc_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 LABELS faults)
