@@ -160,7 +160,8 @@ public:
     shared_work& operator=(shared_work&&) noexcept = default;
     ~shared_work() {
         service_lock* const lock = current_service_lock;
-        if (lock != nullptr && shared_ && lock->held < lock->held_back.size()) lock->held_back[lock->held++] = std::move(shared_);
+        if (lock != nullptr && shared_ && lock->held < lock->held_back.size())
+            lock->held_back[lock->held++] = std::move(shared_);
     }
 
 protected:

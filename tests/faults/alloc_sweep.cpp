@@ -47,8 +47,7 @@ int session(long n) {
         kiv_sqlite_destroy(db, __FILE__, __LINE__);
         destroyed = true;
         joined = kiv_test::join_database_service();
-    } catch (const std::bad_alloc&) {
-    }
+    } catch (const std::bad_alloc&) {}
     const bool hit = countdown.exchange(0) <= 0;
     if (!kiv_thread_service_find("database") && !joined) kiv_database_init();  // init itself failed
     if (db && !destroyed) kiv_sqlite_destroy(db, __FILE__, __LINE__);
@@ -61,7 +60,8 @@ TEST(Faults, EveryAllocationOfASessionFailsInTurn) {
     long n = 1;
     for (int status = 0; status != 10; ++n) {
         status = kiv_test::run_in_child([n] { return session(n); }, 20);
-        ASSERT_TRUE(status == 0 || status == 10) << "allocation " << n << " failing: " << status << " (1: left behind, 3: no shutdown, 1014: hang)";
+        ASSERT_TRUE(status == 0 || status == 10)
+            << "allocation " << n << " failing: " << status << " (1: left behind, 3: no shutdown, 1014: hang)";
     }
     EXPECT_GT(n, 30) << "a session makes more allocations than that";
 }

@@ -71,7 +71,10 @@ inline bool join_database_service(int code = 0, long timeout_ms = -1) {
 struct temp_dir {
     std::string path = std::string(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp") + "/kiv_test_XXXXXX";
     temp_dir() {
-        if (mkdtemp(path.data()) == nullptr) path.clear();
+        if (mkdtemp(path.data()) != nullptr) return;
+        ADD_FAILURE() << "cannot make a directory " << path << ": " << std::strerror(errno)
+                      << " (set TMPDIR to a writable directory)";
+        path = "/nonexistent";
     }
     ~temp_dir() { std::system(("chmod -R u+w '" + path + "' && rm -rf '" + path + "'").c_str()); }
     std::string file(const std::string& name) const { return path + "/" + name; }
