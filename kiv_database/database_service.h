@@ -34,15 +34,28 @@
 /// buffer must not call back into the library (some lines are written under the library's lock)
 /// and must not throw.
 ///
-/// **Exit.** With or without a join, a service still running at exit is stopped and its finish
-/// awaited (not when exit is called from one of its jobs), so destroy jobs already posted
-/// complete. Objects never destroyed are closed when their last owner lets go (the framework's
-/// reference is the framework's to release). Exiting from one thread while another still calls
-/// the library is not supported.
+/// **Exit.** exit() may be called from any thread (the worker and a job included), with or
+/// without a join, on a framework core with a worker thread or with none: the library never waits
+/// for the framework. It waits only for its own work that is running on other threads to return,
+/// then runs on the exiting thread, in order, the jobs handed to kiv_database_exec that have not
+/// started (and the destroy jobs they queue), so that work queued before exit still runs and its
+/// commits land, also on a core that runs work only inside run_once. From then on the library's
+/// work runs on no other thread; timeouts and intervals not yet due do not run. The library does
+/// not stop the service at exit and prints nothing of its own; a finish that the framework brings
+/// about at exit without the shutdown handshake prints nothing either. Objects never destroyed
+/// are not closed: their connections end with the process (SQLite rolls back an unfinished
+/// transaction and recovers a write-ahead log at the next open).
+///
+/// **State.** The library's process-wide state (the service handle, the live-object list, the
+/// registry and their locks) is made at load and never destroyed: a framework may run work late
+/// in exit or after an unload, and that work must never meet destroyed state. What it still holds
+/// at exit goes with the process.
 ///
 /// **fork().** A child starts as if the library had just been loaded: no service, no objects,
 /// no registry entries. The parent's objects are left to the parent: a handle to one that the
-/// child still holds is unusable there (SQLite forbids using a connection across a fork).
+/// child still holds is unusable there (SQLite forbids using a connection across a fork). A child
+/// forked while another thread is inside SQLite may find SQLite's own locks held: fork before
+/// other threads use SQLite, or while they are quiet.
 ///
 /// **Unloading.** The library stays mapped after dlclose (it is linked with `-z nodelete`), so it
 /// may be unloaded in any state: the service running, objects still open. Loading it again finds
@@ -122,7 +135,8 @@ KIV_DATABASE_API void kiv_database_clear_interval(unsigned long timer_id);
 ///
 /// Forwards to the framework's kiv_thread_service_run_once (the stand-in runs the due work on
 /// the calling thread), without holding the library's lock, so the work it runs may call the
-/// library.
+/// library. On a framework core without a worker thread of its own, this is what runs the jobs,
+/// timers and handlers: call it from the host's event loop.
 /// \return the framework's result, unchanged.
 /// \par Threads
 /// Any thread.
