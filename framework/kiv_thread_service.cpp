@@ -32,13 +32,9 @@ using timer_key = std::pair<clock_type::time_point, unsigned long long>;
 // One counter for the whole process: an id kept from one service never names another's timer.
 std::atomic<unsigned long> next_timer_id{1};
 
-// Keeps the framework's own lines whole when several services write at once.
-std::mutex console_lock;
-
-void write_line(const std::string& line) {
-    std::lock_guard<std::mutex> guard(console_lock);
-    std::cout << line << std::flush;
-}
+// One write of the whole line: the stream's own lock keeps it whole beside other threads' lines,
+// and no lock of ours can be left held in a forked child.
+void write_line(const std::string& line) { std::cout << line << std::flush; }
 
 void warn(const char* text, const std::string& name) {
     write_line(kiv_framework_detail::warning_banner + (text + kiv_framework_detail::coloured(name)) + "\n");
