@@ -44,7 +44,8 @@ private:
 };
 
 // A job handed over with kiv_database_exec, shared by the thread service's copies of it. Listed
-// from hand-over until it starts, so that the exit can run what the framework has not.
+// from hand-over until the thread service lets go of it, so that the exit can run what the
+// framework has not.
 struct queued_job {
     std::function<void()> function;  // empty once taken to run
     bool destroy_job = false;        // the library's own: run at exit even when queued late
@@ -74,9 +75,7 @@ struct service_state {
     queued_job* first = nullptr;        // queued jobs, oldest first
     queued_job* last = nullptr;
     unsigned long long next_seq = 0;
-    int running = 0;  // forwarded functions running now, on any thread
-    bool exiting = false;
-    std::thread::id exiting_thread;
+    std::atomic<int> running{0};                             // forwarded functions running now, on any thread
     std::vector<std::shared_ptr<queued_job>> left_for_exit;  // skipped elsewhere, kept for the exit
 };
 no_destructor<service_state> state;
@@ -84,7 +83,9 @@ no_destructor<service_state> state;
 // Whether the stop callback has printed for the current service: at exit, a finish that the
 // framework brings about on its own (no handshake) prints nothing.
 std::atomic<bool> handshake_stopped{false};
+// Set once, by the exit: from then on only the exiting thread runs the library's work.
 std::atomic<bool> exiting{false};
+thread_local bool exiting_here = false;
 bool exit_step_registered = false;  // under database_mutex; a forked child inherits it
 
 // Forwarded functions this thread is running (jobs may nest: run_once inside a job).
@@ -98,7 +99,6 @@ void unlist(queued_job& job) {
 }
 
 queued_job::~queued_job() {
-    if (!listed) return;
     const std::lock_guard<std::mutex> guard(state->work_mutex);
     if (listed) unlist(*this);
 }
@@ -120,31 +120,33 @@ struct service_lock {
     ~service_lock() { current_service_lock = nullptr; }
 };
 
-// Counts a forwarded function as running while it runs (and dies), for the exit's wait. Once
-// the process is exiting, only the exiting thread runs the library's work: elsewhere it is
-// skipped.
+// Counts a forwarded function as running while it runs (and dies), for the exit's wait: the
+// count goes up before `exiting` is read, and the exit sets `exiting` before it reads the count,
+// so one of them sees the other. Once the process is exiting, work elsewhere is skipped.
 class running_scope {
 public:
     running_scope() {
-        const std::lock_guard<std::mutex> guard(state->work_mutex);
-        admitted_ = !state->exiting || state->exiting_thread == std::this_thread::get_id();
-        if (!admitted_) return;
         ++state->running;
         ++running_here;
+        if (exiting && !exiting_here) leave();
     }
     running_scope(const running_scope&) = delete;
     running_scope& operator=(const running_scope&) = delete;
     ~running_scope() {
-        if (!admitted_) return;
-        const std::lock_guard<std::mutex> guard(state->work_mutex);
-        --state->running;
-        --running_here;
-        if (state->exiting) state->work_done.notify_all();
+        if (admitted_) leave();
     }
     bool admitted() const { return admitted_; }
 
 private:
-    bool admitted_ = false;
+    void leave() {
+        admitted_ = false;
+        --running_here;
+        --state->running;
+        if (!exiting) return;
+        const std::lock_guard<std::mutex> guard(state->work_mutex);
+        state->work_done.notify_all();
+    }
+    bool admitted_ = true;
 };
 
 // The thread service's copy of a caller's function, shared among the copies it makes. A copy
@@ -188,14 +190,11 @@ public:
     void operator()() const {
         const running_scope running;
         if (!running.admitted()) return leave_for_exit();
+        // No lock: the exit takes queued functions only once nothing runs elsewhere.
         std::function<void()> work;
-        {
-            const std::lock_guard<std::mutex> guard(state->work_mutex);
-            work.swap(shared_->function);  // stays empty when the exit ran it already
-            if (shared_->listed) unlist(*shared_);
-        }
+        work.swap(shared_->function);  // stays empty when the exit ran it already
         if (work) work();
-    }  // the function dies here, still counted as running
+    }  // the function dies here, still counted as running; the job leaves the list as it dies
 
 private:
     // The exiting thread runs it: kept from dying with the thread service's copies.
@@ -237,15 +236,13 @@ std::function<R()> forward_timer(std::function<R()>&& function) {
 // framework that has no worker to run them or is asked to exit from its worker. From then on the
 // library's work runs nowhere else. The service is not stopped: that is the framework's.
 void run_queued_work_at_exit() {
+    if (exiting.exchange(true)) return;
+    exiting_here = true;
     std::unique_lock<std::mutex> lock(state->work_mutex);
-    if (state->exiting) return;
-    state->exiting = true;
-    exiting = true;
-    state->exiting_thread = std::this_thread::get_id();
     const unsigned long long queued_before = state->next_seq;
     state->work_done.wait(lock, [] { return state->running <= running_here; });
     for (queued_job* job = state->first; job != nullptr; job = state->first) {
-        while (job != nullptr && job->seq >= queued_before && !job->destroy_job) job = job->next;
+        while (job != nullptr && (!job->function || (job->seq >= queued_before && !job->destroy_job))) job = job->next;
         if (job == nullptr) break;
         std::function<void()> work;
         work.swap(job->function);
