@@ -199,6 +199,7 @@ double pass(contender& c, int producers, int jobs) {
     const auto start = std::chrono::steady_clock::now();
     c.post([&c] { c.begin(); });
     std::vector<std::thread> threads;
+    threads.reserve(producers);
     for (int p = 0; p < producers; ++p) {
         threads.emplace_back([&c, p, producers, jobs] {
             for (int i = p; i < jobs; i += producers) c.post(c.insert_job(i));
