@@ -60,6 +60,7 @@ int main() {
               << " failures" << std::endl;
     kiv_sqlite_destroy(db, __FILE__, __LINE__);  // its job finalizes and closes on the worker
     kiv_thread_service_join_all(0);
+    const bool joined = !kiv_thread_service_find("database");  // the join returned: the service is gone
     std::remove(path.c_str());
-    return rows == kRows && failures == 0 ? 0 : 1;
+    return joined && rows == kRows && failures == 0 ? 0 : 1;
 }

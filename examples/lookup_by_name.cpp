@@ -60,6 +60,7 @@ int main() {
     std::cout << "rows: " << rows << std::endl;
     kiv_sqlite_destroy(owner, __FILE__, __LINE__);
     kiv_thread_service_join_all(0);
+    const bool joined = !kiv_thread_service_find("database");  // the join returned: the service is gone
     std::remove(path.c_str());
-    return ok && from_thread && in_job && unknown_empty && rows == 2 ? 0 : 1;
+    return joined && ok && from_thread && in_job && unknown_empty && rows == 2 ? 0 : 1;
 }

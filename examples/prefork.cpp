@@ -39,7 +39,7 @@ int child_main(const std::string& path, int child) {
     ok = kiv_sqlite_sql_stmt(db, "COMMIT", nullptr) == SQLITE_OK && ok;
     kiv_sqlite_destroy(db, __FILE__, __LINE__);
     kiv_thread_service_join_all(0);
-    return ok ? 0 : 1;
+    return ok && !kiv_thread_service_find("database") ? 0 : 1;
 }
 
 int count_rows(const std::string& path) {
@@ -85,6 +85,7 @@ int main() {
         std::remove(file_of(dir, child).c_str());
     }
     kiv_thread_service_join_all(0);
+    ok = !kiv_thread_service_find("database") && ok;
     std::cout << (ok ? "every child succeeded" : "a child FAILED") << std::endl;
     return ok ? 0 : 1;
 }

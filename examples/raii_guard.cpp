@@ -68,8 +68,9 @@ int main() {
 
     std::cout << "three guards released (main thread, own thread, database worker): "
               << (ok ? "each wrote its row" : "a write FAILED") << std::endl;
-    kiv_thread_service_join_all(0);  // returns only when all three connections are destroyed
+    kiv_thread_service_join_all(0);                            // returns only when all three connections are destroyed
+    const bool joined = !kiv_thread_service_find("database");  // the join returned: the service is gone
     std::cout << "joined: every guard destroyed its connection" << std::endl;
     for (const std::string& path : paths) std::remove(path.c_str());
-    return ok ? 0 : 1;
+    return joined && ok ? 0 : 1;
 }

@@ -71,7 +71,13 @@ int main() {
     kiv_database_exec(
         [db, &events] {
             kiv_sqlite_finalize(db);
-            events.post(kiv_sqlite_sql_stmt(db, "COMMIT", nullptr) == SQLITE_OK);
+            // Every row once: the sum of 0 .. kRows - 1.
+            const bool whole = kiv_sqlite_sql_stmt(db, "COMMIT", nullptr) == SQLITE_OK &&
+                               kiv_sqlite_prepare(db, "SELECT count(*), sum(n) FROM t") == SQLITE_OK &&
+                               kiv_sqlite_step(db) == SQLITE_ROW && kiv_sqlite_column_int(db, 0) == kRows &&
+                               kiv_sqlite_column_int(db, 1) == kRows * (kRows - 1) / 2;
+            kiv_sqlite_finalize(db);
+            events.post(whole);
         },
         __FILE__, __LINE__);
 
@@ -89,6 +95,7 @@ int main() {
               << std::endl;
     kiv_sqlite_destroy(db, __FILE__, __LINE__);
     kiv_thread_service_join_all(0);
+    const bool joined = !kiv_thread_service_find("database");  // the join returned: the service is gone
     std::remove(path.c_str());
-    return failed == 0 ? 0 : 1;
+    return joined && failed == 0 ? 0 : 1;
 }
