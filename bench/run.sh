@@ -3,8 +3,11 @@
 # JSON in <build>/bench.json, prints the SQLite and thread-service tables and draws the chart
 # (<build>/bench.png; docs/bench.png with --readme, next to the published tables).
 #   sh bench/run.sh [build-dir] [--callgrind] [--readme] [kiv_bench flags...]
+#   sh bench/run.sh [build-dir] --patterns [--readme]
 # --callgrind  also counts instructions per row under valgrind (about two minutes more)
 # --readme     writes the tables into README.md between the bench markers, the chart to docs/
+# --patterns   only the cost of each usage pattern (bench/patterns.py: callgrind and 9 interleaved
+#              rounds, about a minute); with --readme into README's patterns table
 # KIV_BENCH_REPETITIONS (default 9) sets the repetitions.
 set -eu
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -13,13 +16,22 @@ case ${1:-} in -*|"") ;; *) build=$1; shift ;; esac
 case $build in /*) ;; *) build="$root/$build" ;; esac
 readme=""
 callgrind=0
+patterns=0
 while [ $# -gt 0 ]; do
   case $1 in
     --readme) readme="--readme $root/README.md"; shift ;;
     --callgrind) callgrind=1; shift ;;
+    --patterns) patterns=1; shift ;;
     *) break ;;
   esac
 done
+
+if [ $patterns = 1 ]; then
+  [ -x "$build/kiv_pattern_bench" ] || { echo "no $build/kiv_pattern_bench: make bench first" >&2; exit 1; }
+  echo "machine: $(nproc) CPUs, load average $(cut -d' ' -f1-3 /proc/loadavg)"
+  # shellcheck disable=SC2086
+  exec python3 "$root/bench/patterns.py" "$build" $readme
+fi
 
 bench="$build/kiv_bench"
 if [ ! -x "$bench" ]; then

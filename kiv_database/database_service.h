@@ -70,13 +70,17 @@
 #include "kiv_database/kiv_export.h"
 
 class _kiv_sqlite;
+/// Handle of a connection object, declared as in kiv_sqlite.h so that this header stands alone.
+using kiv_sqlite_handle = boost::shared_ptr<_kiv_sqlite>;
 
 /// Creates the "database" thread service unless it exists.
 ///
 /// Does nothing while a service exists, including one that is shutting down. After the service
 /// has finished it creates a new one, with the earlier join request still standing: the new
 /// service stops whenever the list of live objects empties. Installs the library's join and
-/// finish handlers on the service. Prints nothing and reports nothing.
+/// finish handlers on the service. Prints nothing.
+/// \par Returns
+/// Nothing: whether a service was created is not reported.
 /// \par Threads
 /// Any thread.
 KIV_DATABASE_API void kiv_database_init();
@@ -88,6 +92,9 @@ KIV_DATABASE_API void kiv_database_init();
 /// \param job  the work; shared with the thread service (see the file's notes on what it holds).
 ///             An exception it throws is the framework's to report.
 /// \param file, line  the caller's source position, which the framework uses in its messages.
+/// \par Returns
+/// Nothing: a job refused for want of a service is the framework's to report
+/// (the stand-in warns).
 /// \par Threads
 /// Any thread, also from a job or a timer.
 KIV_DATABASE_API void kiv_database_exec(std::function<void()> job, std::string file, int line);
@@ -117,16 +124,20 @@ KIV_DATABASE_API unsigned long kiv_database_set_interval(std::function<bool()> c
 
 /// Cancels the timeout `timer_id` of the current service.
 ///
-/// Forwards to the framework's kiv_thread_service_clear_timeout; what it reports is dropped. When
-/// the cleared job is released is the framework's matter.
+/// Forwards to the framework's kiv_thread_service_clear_timeout. When the cleared job is
+/// released is the framework's matter.
+/// \par Returns
+/// Nothing: whether a timer was cleared is dropped.
 /// \par Threads
 /// Any thread, also from a job or a timer.
 KIV_DATABASE_API void kiv_database_clear_timeout(unsigned long timer_id);
 
 /// Cancels the interval `timer_id` of the current service.
 ///
-/// Forwards to the framework's kiv_thread_service_clear_interval; what it reports is dropped.
-/// When the cleared callback is released is the framework's matter.
+/// Forwards to the framework's kiv_thread_service_clear_interval. When the cleared callback is
+/// released is the framework's matter.
+/// \par Returns
+/// Nothing: whether an interval was cleared is dropped.
 /// \par Threads
 /// Any thread, also from a job or a timer.
 KIV_DATABASE_API void kiv_database_clear_interval(unsigned long timer_id);
@@ -154,7 +165,7 @@ KIV_DATABASE_API int kiv_database_run_once();
 /// \par Threads
 /// Any thread, also racing other lookups of the same name or the object's destroy job: the
 /// statement is released once.
-KIV_DATABASE_API boost::shared_ptr<_kiv_sqlite> kiv_database_get_sqlite(std::string name);
+KIV_DATABASE_API kiv_sqlite_handle kiv_database_get_sqlite(std::string name);
 
 /// \cond INTERNAL
 // --- Internal to the library ---

@@ -54,7 +54,7 @@ class _kiv_sqlite;
 using kiv_sqlite_handle = boost::shared_ptr<_kiv_sqlite>;
 /// Row callback of kiv_sqlite_rows_each: the object and the 0-based row index; returning false
 /// stops the iteration.
-using kiv_sqlite_row_callback = std::function<bool(boost::shared_ptr<_kiv_sqlite>, unsigned long)>;
+using kiv_sqlite_row_callback = std::function<bool(kiv_sqlite_handle, unsigned long)>;
 
 /// A connection object: one SQLite connection and at most one prepared statement.
 ///
@@ -153,13 +153,13 @@ private:
 /// \return a new handle, never empty. The object leaves only through kiv_sqlite_destroy.
 /// \par Threads
 /// Any thread.
-KIV_DATABASE_API boost::shared_ptr<_kiv_sqlite> kiv_sqlite_new(std::string path, std::string name);
+KIV_DATABASE_API kiv_sqlite_handle kiv_sqlite_new(std::string path, std::string name);
 
 /// The name given to kiv_sqlite_new.
 /// \return a copy of the name; "" for an empty handle (with the warning).
 /// \par Threads
 /// Any thread.
-KIV_DATABASE_API std::string kiv_sqlite_get_name(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API std::string kiv_sqlite_get_name(kiv_sqlite_handle handle);
 /// @}
 
 /// \name Opening and closing
@@ -176,7 +176,7 @@ KIV_DATABASE_API std::string kiv_sqlite_get_name(boost::shared_ptr<_kiv_sqlite> 
 /// handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_open(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_open(kiv_sqlite_handle handle);
 
 /// Opens the object's database file read-write; the file must exist (SQLITE_OPEN_READWRITE).
 ///
@@ -185,7 +185,7 @@ KIV_DATABASE_API int kiv_sqlite_open(boost::shared_ptr<_kiv_sqlite> handle);
 /// empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_try_open(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_try_open(kiv_sqlite_handle handle);
 
 /// Closes the connection and removes the registry entry under the object's name.
 ///
@@ -195,13 +195,13 @@ KIV_DATABASE_API int kiv_sqlite_try_open(boost::shared_ptr<_kiv_sqlite> handle);
 /// \return true; false for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API bool kiv_sqlite_close(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API bool kiv_sqlite_close(kiv_sqlite_handle handle);
 
 /// Whether the object is open.
 /// \return the object's open flag; false for an empty handle.
 /// \par Threads
 /// Any thread.
-KIV_DATABASE_API bool kiv_sqlite_is_opened(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API bool kiv_sqlite_is_opened(kiv_sqlite_handle handle);
 /// @}
 
 /// \name Destruction
@@ -223,7 +223,7 @@ KIV_DATABASE_API bool kiv_sqlite_is_opened(boost::shared_ptr<_kiv_sqlite> handle
 /// \return true; false for an empty handle.
 /// \par Threads
 /// Any thread, also from a job or timer, or from the destructor of something a job holds.
-KIV_DATABASE_API bool kiv_sqlite_destroy(boost::shared_ptr<_kiv_sqlite> handle, std::string file, int line);
+KIV_DATABASE_API bool kiv_sqlite_destroy(kiv_sqlite_handle handle, std::string file, int line);
 /// @}
 
 /// \name Conversion to and from framework objects
@@ -241,14 +241,14 @@ KIV_DATABASE_API bool kiv_is_sqlite(boost::shared_ptr<_kiv_object> object);
 /// \return a handle sharing the object's ownership; empty for an empty handle.
 /// \par Threads
 /// Any thread.
-KIV_DATABASE_API boost::shared_ptr<_kiv_object> kiv_sqlite_to_object(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API boost::shared_ptr<_kiv_object> kiv_sqlite_to_object(kiv_sqlite_handle handle);
 
 /// The connection view of a framework object.
 /// \return a handle sharing the object's ownership; empty when the object is not a connection
 /// object, and empty with the warning for an empty handle.
 /// \par Threads
 /// Any thread.
-KIV_DATABASE_API boost::shared_ptr<_kiv_sqlite> kiv_sqlite_from_object(boost::shared_ptr<_kiv_object> object);
+KIV_DATABASE_API kiv_sqlite_handle kiv_sqlite_from_object(boost::shared_ptr<_kiv_object> object);
 /// @}
 
 /// \name Preparing and direct execution
@@ -263,7 +263,7 @@ KIV_DATABASE_API boost::shared_ptr<_kiv_sqlite> kiv_sqlite_from_object(boost::sh
 /// -1 for an empty handle (`*errmsg` not written).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_sql_stmt(boost::shared_ptr<_kiv_sqlite> handle, const char* sql, char** errmsg);
+KIV_DATABASE_API int kiv_sqlite_sql_stmt(kiv_sqlite_handle handle, const char* sql, char** errmsg);
 
 /// Compiles the first statement of `sql` into the object's one statement slot
 /// (sqlite3_prepare_v2); the rest of the text is ignored.
@@ -274,19 +274,19 @@ KIV_DATABASE_API int kiv_sqlite_sql_stmt(boost::shared_ptr<_kiv_sqlite> handle, 
 /// empty); SQLITE_MISUSE when not open or a statement is held; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_prepare(boost::shared_ptr<_kiv_sqlite> handle, std::string sql);
+KIV_DATABASE_API int kiv_sqlite_prepare(kiv_sqlite_handle handle, std::string sql);
 
 /// Resets the statement to its start (sqlite3_reset), keeping its bindings.
 /// \return SQLite's result; SQLITE_OK (0) when no statement is prepared; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_reset(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_reset(kiv_sqlite_handle handle);
 
 /// Finalizes the statement, if there is one, and empties the slot.
 /// \return true; false for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API bool kiv_sqlite_finalize(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API bool kiv_sqlite_finalize(kiv_sqlite_handle handle);
 
 /// The text of the prepared statement (sqlite3_sql).
 ///
@@ -295,72 +295,81 @@ KIV_DATABASE_API bool kiv_sqlite_finalize(boost::shared_ptr<_kiv_sqlite> handle)
 /// statement and for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API const char* kiv_sqlite_sql(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API const char* kiv_sqlite_sql(kiv_sqlite_handle handle);
 /// @}
 
 /// \name Binding
-/// Parameter indexes count from 1. Each function checks that a statement is prepared and
-/// returns SQLite's result, SQLITE_MISUSE without a statement, -1 for an empty handle.
+/// Parameter indexes count from 1. Each function checks that a statement is prepared.
 /// @{
 
 /// Binds an int (sqlite3_bind_int).
+/// \return SQLite's result (SQLITE_OK, SQLITE_RANGE for a bad index); SQLITE_MISUSE without a
+/// statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_int(boost::shared_ptr<_kiv_sqlite> handle, int index, int value);
+KIV_DATABASE_API int kiv_sqlite_bind_int(kiv_sqlite_handle handle, int index, int value);
 /// Binds a 64-bit integer (sqlite3_bind_int64).
+/// \return SQLite's result (SQLITE_OK, SQLITE_RANGE for a bad index); SQLITE_MISUSE without a
+/// statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_int64(boost::shared_ptr<_kiv_sqlite> handle, int index, long long value);
+KIV_DATABASE_API int kiv_sqlite_bind_int64(kiv_sqlite_handle handle, int index, long long value);
 /// Binds a double (sqlite3_bind_double).
+/// \return SQLite's result (SQLITE_OK, SQLITE_RANGE for a bad index); SQLITE_MISUSE without a
+/// statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_double(boost::shared_ptr<_kiv_sqlite> handle, int index, double value);
+KIV_DATABASE_API int kiv_sqlite_bind_double(kiv_sqlite_handle handle, int index, double value);
 /// Binds a copy of `size` bytes at `data` as a blob (SQLITE_TRANSIENT).
-/// \return as above; SQLITE_TOOBIG for a size above 2147483647.
+/// \return SQLite's result (SQLITE_TOOBIG for a size above 2147483647); SQLITE_MISUSE without
+/// a statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_blob(boost::shared_ptr<_kiv_sqlite> handle, int index, const unsigned char* data,
+KIV_DATABASE_API int kiv_sqlite_bind_blob(kiv_sqlite_handle handle, int index, const unsigned char* data,
                                           unsigned long size);
 /// Binds `size` bytes at `data` as a blob in place (SQLITE_STATIC): they must stay valid and
 /// unchanged until the statement is finalized, the parameter rebound or the bindings cleared.
-/// \return as above; SQLITE_TOOBIG for a size above 2147483647.
+/// \return SQLite's result (SQLITE_TOOBIG for a size above 2147483647); SQLITE_MISUSE without
+/// a statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_blob_static(boost::shared_ptr<_kiv_sqlite> handle, int index,
-                                                 const unsigned char* data, unsigned long size);
+KIV_DATABASE_API int kiv_sqlite_bind_blob_static(kiv_sqlite_handle handle, int index, const unsigned char* data,
+                                                 unsigned long size);
 /// Binds a copy of `size` bytes of UTF-8 at `text` (SQLITE_TRANSIENT).
-/// \return as above; SQLITE_TOOBIG for a size above 2147483647.
+/// \return SQLite's result (SQLITE_TOOBIG for a size above 2147483647); SQLITE_MISUSE without
+/// a statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_text(boost::shared_ptr<_kiv_sqlite> handle, int index, const char* text,
-                                          unsigned long size);
+KIV_DATABASE_API int kiv_sqlite_bind_text(kiv_sqlite_handle handle, int index, const char* text, unsigned long size);
 /// Binds `size` bytes of UTF-8 at `text` in place (SQLITE_STATIC), kept as for
 /// kiv_sqlite_bind_blob_static.
-/// \return as above; SQLITE_TOOBIG for a size above 2147483647.
+/// \return SQLite's result (SQLITE_TOOBIG for a size above 2147483647); SQLITE_MISUSE without
+/// a statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_text_static(boost::shared_ptr<_kiv_sqlite> handle, int index, const char* text,
+KIV_DATABASE_API int kiv_sqlite_bind_text_static(kiv_sqlite_handle handle, int index, const char* text,
                                                  unsigned long size);
 /// The number of the statement's parameters (the largest index).
 /// \return SQLite's count; 0 without a statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_parameter_count(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_bind_parameter_count(kiv_sqlite_handle handle);
 /// The name of parameter `index`, with its prefix (":a", "@a", "$a", "?1").
 /// \return SQLite's text, owned by SQLite until finalize; nullptr for a nameless parameter,
 /// without a statement and for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API const char* kiv_sqlite_bind_parameter_name(boost::shared_ptr<_kiv_sqlite> handle, int index);
+KIV_DATABASE_API const char* kiv_sqlite_bind_parameter_name(kiv_sqlite_handle handle, int index);
 /// The index of the parameter named `name`, given with its prefix (":a").
 /// \return the index; 0 for no such name and without a statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_parameter_index(boost::shared_ptr<_kiv_sqlite> handle, const char* name);
+KIV_DATABASE_API int kiv_sqlite_bind_parameter_index(kiv_sqlite_handle handle, const char* name);
 /// Sets every parameter to NULL (sqlite3_clear_bindings).
+/// \return SQLITE_OK; SQLITE_MISUSE without a statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_bind_clear(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_bind_clear(kiv_sqlite_handle handle);
 /// @}
 
 /// \name Stepping and row iteration
@@ -372,20 +381,20 @@ KIV_DATABASE_API int kiv_sqlite_bind_clear(boost::shared_ptr<_kiv_sqlite> handle
 /// statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_step(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_step(kiv_sqlite_handle handle);
 
 /// The number of values in the current row (sqlite3_data_count). Checks for a statement.
 /// \return SQLite's count, 0 when there is no row or no statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_data_count(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_data_count(kiv_sqlite_handle handle);
 
 /// The number of columns of the statement's result (sqlite3_column_count). Checks for a
 /// statement.
 /// \return SQLite's count, 0 without a statement; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_column_count(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_column_count(kiv_sqlite_handle handle);
 
 /// The rowid of the connection's last successful INSERT (sqlite3_last_insert_rowid). Checks that
 /// the object is open.
@@ -393,14 +402,14 @@ KIV_DATABASE_API int kiv_sqlite_column_count(boost::shared_ptr<_kiv_sqlite> hand
 /// from a rowid of -1).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API long long kiv_sqlite_last_insert_rowid(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API long long kiv_sqlite_last_insert_rowid(kiv_sqlite_handle handle);
 
 /// The rows changed by the connection's last INSERT, UPDATE or DELETE (sqlite3_changes). Checks
 /// that the object is open.
 /// \return SQLite's count, 0 when not open; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_affected_rows_count(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_affected_rows_count(kiv_sqlite_handle handle);
 
 /// Steps the statement from where it stands and calls `callback(handle, index)` for each row,
 /// `index` counting from 0.
@@ -414,12 +423,16 @@ KIV_DATABASE_API int kiv_sqlite_affected_rows_count(boost::shared_ptr<_kiv_sqlit
 /// handle (the callback is never called).
 /// \par Threads
 /// The thread that uses the object; the callback runs on it.
-KIV_DATABASE_API int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle, kiv_sqlite_row_callback callback);
+KIV_DATABASE_API int kiv_sqlite_rows_each(kiv_sqlite_handle handle, kiv_sqlite_row_callback callback);
 
 /// As kiv_sqlite_rows_each(handle, callback), counting the rows in `counter`.
 /// \param counter  set to 0 first, then to the number of rows handed to the callback, the
 ///                 current one included; not written for an empty handle.
-KIV_DATABASE_API int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle, unsigned long& counter,
+/// \return as kiv_sqlite_rows_each(handle, callback): SQLITE_DONE, SQLITE_ROW when the callback
+/// stopped, the reset's code after an error; -1 for an empty handle.
+/// \par Threads
+/// The thread that uses the object; the callback runs on it.
+KIV_DATABASE_API int kiv_sqlite_rows_each(kiv_sqlite_handle handle, unsigned long& counter,
                                           kiv_sqlite_row_callback callback);
 /// @}
 
@@ -438,71 +451,70 @@ KIV_DATABASE_API int kiv_sqlite_rows_each(boost::shared_ptr<_kiv_sqlite> handle,
 /// \return true, also when nothing was copied; false for an empty handle (outputs not written).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API bool kiv_sqlite_column_blob(boost::shared_ptr<_kiv_sqlite> handle, int column, unsigned char*& data,
-                                             int& size);
+KIV_DATABASE_API bool kiv_sqlite_column_blob(kiv_sqlite_handle handle, int column, unsigned char*& data, int& size);
 /// The column's value as text, up to its first zero byte.
 /// \return a copy; "" for NULL, without a statement and for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API std::string kiv_sqlite_column_text(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API std::string kiv_sqlite_column_text(kiv_sqlite_handle handle, int column);
 /// The column's value as an int.
 /// \return SQLite's value; -1 for an empty handle (only the warning tells it from a value).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_column_int(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API int kiv_sqlite_column_int(kiv_sqlite_handle handle, int column);
 /// The column's value as a 64-bit integer.
 /// \return SQLite's value; -1 for an empty handle (only the warning tells it from a value).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API long long kiv_sqlite_column_int64(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API long long kiv_sqlite_column_int64(kiv_sqlite_handle handle, int column);
 /// The column's value as a double.
 /// \return SQLite's value; -1.0 for an empty handle (only the warning tells it from a value).
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API double kiv_sqlite_column_double(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API double kiv_sqlite_column_double(kiv_sqlite_handle handle, int column);
 /// The storage class of the column's value.
 /// \return SQLITE_INTEGER (1), SQLITE_FLOAT (2), SQLITE_TEXT (3), SQLITE_BLOB (4) or SQLITE_NULL
 /// (5); -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_column_type(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API int kiv_sqlite_column_type(kiv_sqlite_handle handle, int column);
 /// The declared type of the column in its table (sqlite3_column_decltype).
 /// \return SQLite's text, owned by SQLite until finalize; nullptr for an expression, without a
 /// statement and for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API const char* kiv_sqlite_column_decltype(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API const char* kiv_sqlite_column_decltype(kiv_sqlite_handle handle, int column);
 /// The column's name in the result (sqlite3_column_name).
 /// \return SQLite's text, owned by SQLite until finalize; nullptr without a statement and for an
 /// empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API const char* kiv_sqlite_column_name(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API const char* kiv_sqlite_column_name(kiv_sqlite_handle handle, int column);
 /// Whether the value's storage class is NULL (not the declared type).
 /// \return false also for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API bool kiv_sqlite_is_column_null(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API bool kiv_sqlite_is_column_null(kiv_sqlite_handle handle, int column);
 /// Whether the value's storage class is TEXT (not the declared type).
 /// \return false also for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API bool kiv_sqlite_is_column_text(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API bool kiv_sqlite_is_column_text(kiv_sqlite_handle handle, int column);
 /// Whether the value's storage class is BLOB (not the declared type).
 /// \return false also for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API bool kiv_sqlite_is_column_blob(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API bool kiv_sqlite_is_column_blob(kiv_sqlite_handle handle, int column);
 /// Whether the value's storage class is INTEGER (not the declared type).
 /// \return false also for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API bool kiv_sqlite_is_column_int(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API bool kiv_sqlite_is_column_int(kiv_sqlite_handle handle, int column);
 /// Whether the value's storage class is FLOAT (not the declared type).
 /// \return false also for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API bool kiv_sqlite_is_column_double(boost::shared_ptr<_kiv_sqlite> handle, int column);
+KIV_DATABASE_API bool kiv_sqlite_is_column_double(kiv_sqlite_handle handle, int column);
 /// @}
 
 /// \name Errors and SQLite memory
@@ -513,25 +525,25 @@ KIV_DATABASE_API bool kiv_sqlite_is_column_double(boost::shared_ptr<_kiv_sqlite>
 /// \return SQLite's code; SQLITE_MISUSE when not open; -1 for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API int kiv_sqlite_last_error_code(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API int kiv_sqlite_last_error_code(kiv_sqlite_handle handle);
 /// SQLite's error text for the connection's last call (sqlite3_errmsg). Checks that the object
 /// is open.
 /// \return SQLite's text, valid until the next call on the connection; SQLITE_MISUSE's text when
 /// not open; nullptr for an empty handle.
 /// \par Threads
 /// The thread that uses the object.
-KIV_DATABASE_API const char* kiv_sqlite_last_error_message(boost::shared_ptr<_kiv_sqlite> handle);
+KIV_DATABASE_API const char* kiv_sqlite_last_error_message(kiv_sqlite_handle handle);
 /// The English text for a result code. Makes no check; the object only has to exist.
 /// \return "Prepared statement missing bind parameters" for
 /// KIV_SQLITE_MISSING_BIND_PARAMETERS, otherwise sqlite3_errstr(code): static text; nullptr for
 /// an empty handle.
 /// \par Threads
 /// Any thread.
-KIV_DATABASE_API const char* kiv_sqlite_errstr(boost::shared_ptr<_kiv_sqlite> handle, int code);
+KIV_DATABASE_API const char* kiv_sqlite_errstr(kiv_sqlite_handle handle, int code);
 /// Releases SQLite memory handed to the caller (the `errmsg` of kiv_sqlite_sql_stmt) with
 /// sqlite3_free, then sets `memory` to nullptr. Makes no check.
 /// \return true; false for an empty handle (`memory` not released nor written).
 /// \par Threads
 /// Any thread.
-KIV_DATABASE_API bool kiv_sqlite_free(boost::shared_ptr<_kiv_sqlite> handle, char*& memory);
+KIV_DATABASE_API bool kiv_sqlite_free(kiv_sqlite_handle handle, char*& memory);
 /// @}

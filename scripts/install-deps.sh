@@ -35,7 +35,10 @@ done
 [ -z "$missing" ] && exit 0
 if [ "$(id -u)" -ne 0 ]; then
   echo "missing Debian packages:$missing" >&2
-  echo "install them with: sudo apt-get install -y --no-install-recommends$missing" >&2
+  # A fresh system has no package lists yet: apt-get install would find nothing.
+  update=""
+  ls /var/lib/apt/lists/*_Packages* >/dev/null 2>&1 || update="sudo apt-get update && "
+  echo "install them with: ${update}sudo apt-get install -y --no-install-recommends$missing" >&2
   exit 1
 fi
 echo "installing$missing (with what they need; this takes a few minutes)"

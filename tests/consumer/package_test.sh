@@ -3,7 +3,9 @@
 # (dpkg -x, nothing installed) and builds the README's example against the unpacked tree,
 # through the CMake package and through pkg-config, each time with an unused library linked
 # after it. Each program prints the README's output and names the
-# library, the framework and SQLite as NEEDED, but not the unused library.
+# library, the framework and SQLite as NEEDED, but not the unused library. Then builds and runs
+# one program of examples/ through the CMake package, and checks that the CMake package without
+# the framework's stops at find_package, naming the missing package.
 #   package_test.sh <build dir> <source dir> <scratch dir> <C++ compiler>
 set -eu
 build=$1 src=$2 work=$3 cxx=$4
@@ -51,9 +53,21 @@ grep -qx "kiv_database_DIR:PATH=$libdir/cmake/kiv_database" cmake/CMakeCache.txt
 cp cmake/consumer cmake-consumer && check cmake-consumer
 
 flags=$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs kiv_database kiv_framework_standin)
-[ "$(echo "$flags" | grep -o -- -lsqlite3 | wc -l)" = 1 ] || fail "pkg-config lists SQLite other than once: $flags"
+[ -z "$(printf '%s\n' $flags | sort | uniq -d)" ] || fail "pkg-config names a flag twice: $flags"
 "$cxx" -shared -fPIC unused.cpp -o libunused.so
 # shellcheck disable=SC2086
 "$cxx" -std=c++17 -Wall -Wextra -Wpedantic -Werror main.cpp -o pc-consumer $flags -L. -lunused
 check pc-consumer
+# An example program, built as a user builds examples/ against the installed packages.
+cmake -S "$src/examples" -B examples -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_PREFIX_PATH="$usr" >examples.log 2>&1 &&
+  cmake --build examples --target example_held_statement >>examples.log 2>&1 || { cat examples.log; fail "examples"; }
+(cd examples && LD_LIBRARY_PATH="$libdir" ./example_held_statement >out 2>&1) || fail "example: $(cat examples/out)"
+
+# The plug-in's packages alone: find_package without REQUIRED stops, naming the stand-in's.
+mkdir -p alone/root optional
+for deb in debs/libkiv-database1_*.deb debs/libkiv-database-dev_*.deb; do dpkg -x "$deb" alone/root; done
+printf 'cmake_minimum_required(VERSION 3.16)\nproject(p CXX)\nfind_package(kiv_database CONFIG)\n' >optional/CMakeLists.txt
+! cmake -S optional -B optional/build -DCMAKE_PREFIX_PATH="$work/alone/root/usr" >optional.log 2>&1 ||
+  fail "find_package(kiv_database) succeeded without the framework"
+grep -q 'libkiv-framework-standin-dev' optional.log || { cat optional.log; fail "no word of the missing package"; }
 echo "packages ok: $(cd debs && ls *.deb | tr "\n" " ")"

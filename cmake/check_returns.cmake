@@ -1,0 +1,43 @@
+# Every exported function's own comment says what it returns: `\return` for a result, a
+# `\par Returns` paragraph for a void function (Doxygen rejects `\return` there). A group's
+# comment does not count: a reader who lands on one function reads that function's block.
+#   cmake -DHEADERS="a.h;b.h" -P check_returns.cmake
+# Lists every function without one and fails.
+set(missing "")
+set(functions 0)
+foreach(header IN LISTS HEADERS)
+  file(STRINGS ${header} lines)
+  set(block "")
+  set(number 0)
+  foreach(line IN LISTS lines)
+    math(EXPR number "${number} + 1")
+    if(line MATCHES "^///")
+      string(APPEND block "${line}\n")
+    elseif(line MATCHES "^KIV_DATABASE_API +([^(]*[^a-z0-9_(])([a-z0-9_]+)\\(")
+      math(EXPR functions "${functions} + 1")
+      set(type "${CMAKE_MATCH_1}")
+      set(name "${CMAKE_MATCH_2}")
+      if(type MATCHES "^void *$")
+        set(wanted "\\\\par Returns")
+      else()
+        set(wanted "\\\\returns?[ \n]")
+      endif()
+      if(NOT block MATCHES "${wanted}")
+        list(APPEND missing "${header}:${number}: ${name}")
+      endif()
+      set(block "")
+    elseif(NOT line MATCHES "^ ")
+      # A blank line or other code ends a comment block; continuation lines keep it.
+      set(block "")
+    endif()
+  endforeach()
+endforeach()
+if(functions EQUAL 0)
+  message(FATAL_ERROR "no exported function found in ${HEADERS}")
+endif()
+if(missing)
+  list(JOIN missing "\n  " text)
+  message(FATAL_ERROR "exported functions whose comment does not say what they return "
+                      "(\\return, or \\par Returns for void):\n  ${text}")
+endif()
+message(STATUS "${functions} exported functions, each with its result")
