@@ -18,7 +18,8 @@ TEST(DatabaseService, ShutdownWaitsForTheLastObjectAndInitStartsAgain) {
     EXPECT_EQ(out.take(), kiv_test::shutdown_request);
     EXPECT_FALSE(kiv_test::service_finished(service, 50)) << "objects are alive: no stop yet";
     std::atomic<bool> nested{false};  // and work still runs; a job may hand over more without blocking
-    kiv_database_exec([&] { kiv_database_exec([&] { nested = true; }, __FILE__, __LINE__); }, __FILE__, __LINE__);
+    kiv_database_exec([&] { kiv_database_set_interval([&] { return nested = true, false; }, 0, __FILE__, __LINE__); },
+                      __FILE__, __LINE__);
     ASSERT_TRUE(kiv_test::pump_until(service, [&] { return nested.load(); }));
     kiv_sqlite_destroy(a, __FILE__, __LINE__);
     ASSERT_TRUE(kiv_test::drain_database_worker());
@@ -59,11 +60,19 @@ TEST(HostProcess, ExitEndsAndQueuedCommitsLand) {
                  std::exit(3);
          },
          "1,2", ""},
-        {"another thread", 4,
+        // The exit waits for the job running elsewhere (it inserts only once the exit has begun),
+        // then runs the one queued behind it, once.
+        {"another thread, a job running", 4,
          [](auto insert) {
-             kiv_database_exec(insert(1), __FILE__, __LINE__), std::thread([] { std::exit(4); }).detach();
+             static std::atomic<bool> started{false}, exit_began{false};
+             std::atexit([] { exit_began = true; });  // runs before the library's exit step
+             kiv_database_exec(
+                 [=] { started = true, kiv_test::pump_until({}, [] { return exit_began.load(); }), insert(1)(); },
+                 __FILE__, __LINE__);
+             kiv_database_exec(insert(2), __FILE__, __LINE__);
+             std::thread([] { kiv_test::pump_until({}, [] { return started.load(); }), std::exit(4); }).detach();
          },
-         "1", ""},
+         "1,2", ""},
         {"a library job", 5,
          [](auto insert) {
              kiv_database_exec(insert(1), __FILE__, __LINE__),
