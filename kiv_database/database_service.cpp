@@ -39,8 +39,8 @@ public:
     }
 
 private:
-    alignas(T) unsigned char bytes_[sizeof(T)];
-    alignas(T) unsigned char kept_[sizeof(T)];
+    alignas(T) unsigned char bytes_[sizeof(T)]{};
+    alignas(T) unsigned char kept_[sizeof(T)]{};
 };
 
 // A job handed over with kiv_database_exec, shared by the thread service's copies of it. Listed
@@ -78,6 +78,7 @@ struct service_state {
     std::atomic<int> running{0};                             // forwarded functions running now, on any thread
     std::vector<std::shared_ptr<queued_job>> left_for_exit;  // skipped elsewhere, kept for the exit
 };
+// NOLINTNEXTLINE(cert-err58-cpp): empty containers and locks, nothing allocated
 no_destructor<service_state> state;
 
 // Whether the stop callback has printed for the current service: at exit, a finish that the
