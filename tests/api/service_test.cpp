@@ -104,6 +104,14 @@ TEST(HostProcess, ExitEndsAndQueuedCommitsLand) {
              kiv_database_exec(insert(1), __FILE__, __LINE__), std::exit(8);
          },
          "1", kiv_test::shutdown_request},
+        // The exit runs what was queued before it, not what that hands over in turn: no endless drain.
+        {"a job that queues itself again", 9,
+         [](auto insert) {
+             static std::function<void()> again = [] { kiv_database_exec(again, __FILE__, __LINE__); };
+             kiv_database_exec(insert(1), __FILE__, __LINE__), kiv_database_exec(again, __FILE__, __LINE__),
+                 std::exit(9);
+         },
+         "1", ""},
     };
     kiv_test::temp_dir dir;
     for (const auto& c : cases) {
