@@ -145,7 +145,7 @@ bool read_file(shell& sh, const words& args) {
     }
     const std::size_t errors = sh.errors;
     ++depth;
-    run_stream(sh, file);
+    run_stream(sh, file, args[1]);
     --depth;
     std::fclose(file);
     return sh.errors == errors;

@@ -103,6 +103,7 @@ bool set_flag(const std::string& arg, options& opts) {
         return true;
     }
     if (arg == "-bail") return opts.bail = true;
+    if (arg == "-v" || arg == "-verbose") return opts.verbose = true;
     if (arg == "-no-create") return !(opts.create = false);
     if (arg == "-readonly") {
         opts.create = false;
@@ -140,10 +141,6 @@ std::string usage_text() {
 }
 
 int parse_arguments(int argc, char** argv, options& opts) {
-    if (argc == 1) {
-        opts.demo = true;
-        return -1;
-    }
     int i = 1;
     for (; i < argc; ++i) {
         std::string arg = argv[i];
@@ -160,6 +157,11 @@ int parse_arguments(int argc, char** argv, options& opts) {
             return -1;
         }
         if (set_flag(arg, opts)) continue;
+        if (arg == "-demo") {
+            opts.demo = true;
+            ++i;
+            break;
+        }
         if (arg != "-cmd" && arg != "-timeout") return usage_error("unknown option '" + std::string(argv[i]) + "'");
         if (++i == argc) return usage_error(std::string(argv[i - 1]) + " needs a value");
         if (arg == "-cmd") {
@@ -173,7 +175,11 @@ int parse_arguments(int argc, char** argv, options& opts) {
         }
         opts.timeout_ms = static_cast<int>(ms);
     }
-    if (i >= argc) return usage_error("no database PATH given");
+    if (opts.demo) {
+        opts.path = i < argc ? argv[i++] : "kiv_demo.db";
+        return i < argc ? usage_error("--demo takes one PATH at most") : -1;
+    }
+    if (i >= argc) return -1;  // a session on :memory:
     opts.path = argv[i++];
     return parse_after_path(argc, argv, i, opts);
 }

@@ -13,13 +13,14 @@ struct options {
     bool help = false;
     bool version = false;
     bool demo = false;
+    bool verbose = false;   // the service's shutdown lines on standard error
     bool create = true;     // kiv_sqlite_open; false: kiv_sqlite_try_open
     bool readonly = false;  // also PRAGMA query_only
     bool bail = false;
     int timeout_ms = 5000;
     print_options print;
     std::vector<std::string> commands;  // -cmd, run first
-    std::string path;
+    std::string path = ":memory:";
     std::vector<std::string> sql;  // SQL texts and dot-commands; {"-"}: standard input
 };
 

@@ -10,7 +10,7 @@ if(TARGET kiv_host)
   if(NOT KIV_SANITIZE)
     # No memory error and nothing definitely lost.
     add_test(NAME host_valgrind COMMAND valgrind --leak-check=full --errors-for-leak-kinds=definite
-      --error-exitcode=1 $<TARGET_FILE:kiv_host>)
+      --error-exitcode=1 $<TARGET_FILE:kiv_host> --demo)
     set_tests_properties(host_valgrind PROPERTIES TIMEOUT 600 LABELS "host;nosanitize")
   endif()
 endif()
