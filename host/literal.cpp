@@ -16,10 +16,11 @@ void append_real_literal(double value, std::string& out) {
         return;
     }
     char digits[40];
+    const char* const begin = digits;
     const char* const end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    out.append(digits, end);
+    out.append(begin, end);
     // "3" would read back as an INTEGER.
-    if (std::none_of(digits, end, [](char c) { return c == '.' || c == 'e'; })) out += ".0";
+    if (std::none_of(begin, end, [](char c) { return c == '.' || c == 'e'; })) out += ".0";
 }
 
 void append_text_literal(const std::string& text, std::string& out) {
