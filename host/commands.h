@@ -19,4 +19,8 @@ extern const char* const dot_command_help;
 // transaction, through the library's prepared statement and bound parameters.
 bool import_csv(shell& sh, const std::string& file, const std::string& table);
 
+// Writes the schema and rows of the tables matching `pattern` (LIKE), and the indexes,
+// triggers and views on them, as SQL that rebuilds them in an empty database.
+bool dump_database(shell& sh, const std::string& pattern);
+
 }  // namespace kiv_host

@@ -47,9 +47,9 @@ bool check_path(const kiv_host::options& opts) {
         }
         return true;
     }
-    if (!opts.create) {
+    if (!opts.open.create) {
         std::cerr << "kiv_host: " << opts.path << ": file does not exist ("
-                  << (opts.readonly ? "-readonly" : "--no-create") << ")" << std::endl;
+                  << (opts.open.readonly ? "-readonly" : "--no-create") << ")" << std::endl;
         return false;
     }
     const std::string::size_type slash = opts.path.find_last_of('/');
@@ -61,25 +61,11 @@ bool check_path(const kiv_host::options& opts) {
     return true;
 }
 
-// Opens PATH with the busy timeout in force before anything touches the file, then reads the
-// schema once, so that a file that is not a database is reported before any statement runs,
-// even one like "SELECT 1" that never reads the file. A locked schema is left to the first
-// statement, which waits and reports with its number.
 bool open_database(const kiv_host::options& opts, kiv_host::connection& db, kiv_host::output& out) {
     kiv_host::sql_error error;
-    if (!db.open(opts.create, error)) {
-        kiv_host::report_error(out, opts.path, 0, error);
-        return false;
-    }
-    sqlite3_busy_timeout(db.sqlite(), opts.timeout_ms);
-    if ((opts.readonly && !kiv_host::exec_sql(db.handle(), "PRAGMA query_only = 1", error)) ||
-        (!kiv_host::exec_sql(db.handle(), "SELECT count(*) FROM sqlite_master", error) && error.code != SQLITE_BUSY &&
-         error.code != SQLITE_LOCKED)) {
-        error.statement.clear();
-        kiv_host::report_error(out, opts.path, 0, error);
-        return false;
-    }
-    return true;
+    if (kiv_host::open_connection(db, opts.open, error)) return true;
+    kiv_host::report_error(out, opts.path, 0, error);
+    return false;
 }
 
 int run_database(const kiv_host::options& opts, kiv_host::output& out) {
@@ -87,6 +73,7 @@ int run_database(const kiv_host::options& opts, kiv_host::output& out) {
     if (!open_database(opts, db, out)) return exit_database_error;
     kiv_host::shell sh(db, out, opts.path);
     sh.printer.options() = opts.print;
+    sh.settings = opts.open;
     const bool session = opts.sql.empty();
     const bool terminal = session && ::isatty(STDIN_FILENO) != 0;
     sh.bail = opts.bail || !session;

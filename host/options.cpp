@@ -104,10 +104,10 @@ bool set_flag(const std::string& arg, options& opts) {
     }
     if (arg == "-bail") return opts.bail = true;
     if (arg == "-v" || arg == "-verbose") return opts.verbose = true;
-    if (arg == "-no-create") return !(opts.create = false);
+    if (arg == "-no-create") return !(opts.open.create = false);
     if (arg == "-readonly") {
-        opts.create = false;
-        return opts.readonly = true;
+        opts.open.create = false;
+        return opts.open.readonly = true;
     }
     return false;
 }
@@ -173,7 +173,7 @@ int parse_arguments(int argc, char** argv, options& opts) {
         if (*argv[i] == '\0' || *end != '\0' || ms < 0 || ms > 0x7FFFFFFF) {
             return usage_error("-timeout needs milliseconds, not '" + std::string(argv[i]) + "'");
         }
-        opts.timeout_ms = static_cast<int>(ms);
+        opts.open.timeout_ms = static_cast<int>(ms);
     }
     if (opts.demo) {
         opts.path = i < argc ? argv[i++] : "kiv_demo.db";

@@ -127,6 +127,13 @@ void report_failure(shell& sh, const std::string& message) {
     ++sh.errors;
 }
 
+void replace_connection(shell& sh, connection& fresh) {
+    // Ctrl-C must not reach the connection that is about to close.
+    sqlite3* const target = interrupt_target.exchange(nullptr);
+    sh.db.swap(fresh);
+    if (target != nullptr) interrupt_target = sh.db.sqlite();
+}
+
 void check_output(shell& sh) {
     if (!sh.to_file || sh.out.redirected()) return;
     sh.to_file = false;

@@ -22,6 +22,7 @@ struct shell {
     output& out;
     result_printer printer;
     std::string path;
+    open_settings settings;   // for .open
     std::string source;      // the input being read, for messages: a file, "standard input" or none
     std::size_t line = 0;    // its line
     bool name_lines = false;  // SQL errors name source:line rather than the database (.read)
@@ -41,6 +42,9 @@ bool stopped(const shell& sh);
 // An error of the host's own (not SQLite's), on standard error after the output so far,
 // naming the input's line when the input is a stream.
 void report_failure(shell& sh, const std::string& message);
+
+// Makes `fresh` the connection of the session; `fresh` then holds the one it replaces.
+void replace_connection(shell& sh, connection& fresh);
 
 // Counts a failed write to an output file as an error: the output has gone back to standard
 // output by itself (and said why).
