@@ -5,16 +5,17 @@ set -u; host=$1 fails=0; rm -rf "$2" && mkdir -p "$2" && cd "$2" || exit 1
 S=$(printf '%s\n' 'left objects in database reference count: 0' 'DATABASE SERVICE SHOT DONW REQUEST' \
   'DATABASE THREAD SERVICE STOPPED' 'DATABASE SERVICE DONE') U="Try 'kiv_host --help'."
 # t NAME STATUS STDOUT STDERR ARGS...: outputs without their last newline; standard input from $IN;
-# the shutdown lines end standard error unless NOS is set (a run that never reached the database)
-t() { n=$1 s=$2; printf "${3:+%s\n}" "$3" >want_out; { printf "${4:+%s\n}" "$4"; [ -n "${NOS:-}" ] || echo "$S"; } >want_err
+# the shutdown lines end standard error when V is set (-v, the demo)
+t() { n=$1 s=$2; printf "${3:+%s\n}" "$3" >want_out; { printf "${4:+%s\n}" "$4"; [ -z "${V:-}" ] || echo "$S"; } >want_err
   shift 4
-  "$host" "$@" <"${IN:-/dev/null}" >out 2>err; st=$?; sed -i 's/\(database worker: \).*/\1RATE/' out
+  "$host" "$@" <"${IN:-/dev/null}" >out 2>err; st=$?; sed -i -e 's/\(database worker: \).*/\1RATE/' \
+    -e 's/^\(Run Time: real\) [0-9.]* user [0-9.]* sys [0-9.]*$/\1 T/' out
   [ $st = "$s" ] && cmp -s want_out out && cmp -s want_err err || {
     echo "$n: status $st, expected $s"; diff want_out out; diff want_err err; fails=$((fails + 1)); }; }
 case $3 in
 demo) # a fresh directory, then the same file again: the second run replaces the rows
   for line in 'no earlier rows: table readings filled' 'earlier run found: its 100000 rows replaced'; do
-    t "demo" 0 "kiv_host demo on kiv_demo.db
+    V=1 t "demo" 0 "kiv_host demo on kiv_demo.db
 $line
 inserted 100000 rows in one transaction on the database worker: RATE
 
@@ -30,7 +31,7 @@ id  sensor     value  payload
  4  sensor-04    1.0  X'00000004'
  5  sensor-05   1.25  NULL
  6  sensor-06    1.5  X'00000006'
-" ""
+" "" --demo
   done ;;
 sql) # statements split at semicolons outside strings, comments and trigger bodies
   cat >in <<'E'
@@ -61,7 +62,7 @@ n\n1
   # A reader that leaves early: the endless result stops at once, quietly, with a clean shutdown.
   { "$host" :memory: "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT i FROM c" 2>err
     echo $? >st; } | head -3 >out
-  [ "$(cat st out err)" = "$(printf '0\n   i\n----\n   1\n%s' "$S")" ] || { echo "| head -3: $(cat st err)"; fails=$((fails + 1)); } ;;
+  [ "$(cat st out err)" = "$(printf '0\n   i\n----\n   1')" ] || { echo "| head -3: $(cat st err)"; fails=$((fails + 1)); } ;;
 errors) # the rows before an error print, then the error; later statements never run
   t "rows, then the error" 1 "$(printf 'v\n-\n1\n2')" "kiv_host: e.db: statement 2: SQLite error 1: integer overflow
   in: SELECT abs(column1) AS v FROM (VALUES (1), (-2), (-9223372036854775808));" e.db "CREATE TABLE t(a);
@@ -72,14 +73,14 @@ errors) # the rows before an error print, then the error; later statements never
   echo 'not a database, only text that is long enough to hold a header' >nodb
   t "not a database" 1 "" "kiv_host: nodb: SQLite error 26: file is not a database" nodb "SELECT 1"
   # e STATUS MESSAGE ARGS...: refused before the database is reached; usage errors add the hint
-  e() { s=$1 m="kiv_host: $2"; shift 2; [ $s = 2 ] && m=$(printf '%s\n%s' "$m" "$U"); NOS=1 t "$m" $s "" "$m" "$@"; }
+  e() { s=$1 m="kiv_host: $2"; shift 2; [ $s = 2 ] && m=$(printf '%s\n%s' "$m" "$U"); t "$m" $s "" "$m" "$@"; }
   e 1 "missing.db: file does not exist (--no-create)" --no-create missing.db "SELECT 1"
   e 2 "unknown option '--bogus'" --bogus x.db "SELECT 1"
   e 2 "option '--csv' after PATH (options go before PATH)" x.db --csv "SELECT 1"
   e 2 "an empty SQL argument" x.db "SELECT 1" " "
   e 2 "-timeout needs milliseconds, not 'x'" -timeout x x.db
   e 2 "--help takes no other arguments" --help x.db
-  NOS=1 t "--version" 0 "kiv_host $4" "" --version
+  t "--version" 0 "kiv_host $4" "" --version
   [ "$("$host" --help | head -1)" = "Usage: kiv_host [OPTION]... PATH [SQL|.COMMAND]..." ] || { echo "--help"; fails=$((fails + 1)); } ;;
 commands) # dot-commands and the options that match them, as arguments
   "$host" c.db "CREATE TABLE t(a INTEGER, b TEXT); INSERT INTO t VALUES (1, 'x'), (2, NULL)" "CREATE VIEW v AS SELECT 1" 2>/dev/null
@@ -101,6 +102,11 @@ commands) # dot-commands and the options that match them, as arguments
   t "-readonly" 1 "" "$(printf 'kiv_host: c.db: statement 1: SQLite error 8: attempt to write a readonly database\n  in: DELETE FROM t')" \
     -readonly c.db "DELETE FROM t"
   t ".quit" 0 "" "" c.db .quit "SELECT 1"
+  t ".indexes, .print, .backup, .open, .timer" 0 "$(printf 'i\nsay  hi\n2\nRun Time: real T')" "" -noheader -list c.db \
+    "CREATE INDEX i ON t(a)" .indexes ".indexes v" ".print say ' hi'" ".backup b.db" ".open b.db" ".timer on" \
+    "SELECT count(*) FROM t"
+  echo "SELECT 1;" >one.sql; IN=one.sql V=1 t "-v, no PATH: :memory:" 0 1 "" -v -list -noheader
+  [ ! -e kiv_demo.db ] || { echo "no PATH: kiv_demo.db made"; fails=$((fails + 1)); }
   # c ARGUMENT MESSAGE: a command refused, and nothing after it runs
   c() { t "$1" 1 "" "kiv_host: $2" c.db "$1" "SELECT 1"; }
   c .bogus "unknown command '.bogus' (.help lists the commands)"
@@ -186,7 +192,6 @@ kiv_host> SELECT 4;
 4
 4
 kiv_host> .quit
-$S
 E
   [ "$(cat st)" = 0 ] && cmp -s want screen || { echo "terminal: status $(cat st)"; diff want screen; fails=$((fails + 1)); } ;;
 esac
