@@ -32,6 +32,34 @@ std::string sql_name(const std::string& name) {
     return quoted + '"';
 }
 
+// Text with line ends as pieces joined by char(): a reader that takes CR LF for a line end (the
+// sqlite3 shell does) would otherwise drop the CR.
+std::string text_literal(const std::string& text) {
+    std::string out;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        if (!out.empty()) out += "||";
+        const std::size_t end = text.find_first_of("\r\n", i);
+        if (end == i) {
+            out += "char(";
+            for (; i < text.size() && (text[i] == '\r' || text[i] == '\n'); ++i) out += text[i] == '\r' ? "13," : "10,";
+            out.back() = ')';
+        } else {
+            append_text_literal(text.substr(i, end - i), out);
+            i = end == std::string::npos ? text.size() : end;
+        }
+    }
+    return out;
+}
+
+std::string value_literal(const kiv_sqlite_handle& db, int column) {
+    if (kiv_sqlite_column_type(db, column) == SQLITE_TEXT) {
+        std::string text = kiv_sqlite_column_text(db, column);
+        if (text.find_first_of("\r\n") != std::string::npos) return text_literal(text);
+    }
+    return sql_literal(db, column);
+}
+
 bool fail(shell& sh, const kiv_sqlite_handle& db) {
     sql_error error;
     error.code = kiv_sqlite_last_error_code(db);
@@ -71,7 +99,7 @@ bool dump_rows(shell& sh, const std::string& table) {
         text += "INSERT INTO " + name + " VALUES(";
         for (int c = 0; c < columns; ++c) {
             if (c > 0) text += ',';
-            text += sql_literal(db, c);
+            text += value_literal(db, c);
         }
         text += ");\n";
         sh.out.line_done();

@@ -1,7 +1,7 @@
 # kiv_host end to end: exit statuses and the exact bytes on standard output and error. A hang
 # (at shutdown, or writing to a closed pipe) shows up as a timeout.
 if(TARGET kiv_host)
-  foreach(group demo sql errors commands session import terminal)
+  foreach(group demo sql errors commands session import bad dump terminal)
     add_test(NAME host_${group} COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/host/host_case.sh
       $<TARGET_FILE:kiv_host> ${CMAKE_CURRENT_BINARY_DIR}/host-${group} ${group} ${PROJECT_VERSION})
     set_tests_properties(host_${group} PROPERTIES TIMEOUT 300 LABELS host)

@@ -194,6 +194,37 @@ kiv_host> SELECT 4;
 kiv_host> .quit
 E
   [ "$(cat st)" = 0 ] && cmp -s want screen || { echo "terminal: status $(cat st)"; diff want screen; fails=$((fails + 1)); } ;;
+bad) # bad input is refused loudly: an error naming it, and a failing exit status
+  printf 'SELECT 2\0 ; SELECT 3;\nSELECT 4;\n' >nul.sql; printf 'a,b\n1,2\n3,"x\n4,5\n' >open.csv; printf '1\n2\n5\n' >n.csv
+  printf 'SELECT 1;\n\nSELECT\n  nope;\n' >r.sql; printf '.read r.sql\n.bogus\n/* ; */ SELEC;\n' >r2.sql; mkdir d
+  printf '%s\n' '-- c;' '.print a' '/* c; */' '.print b' "SELECT 'x' -- ;" ';' 'SELECT 2; /* open' >comments.sql
+  I='SQLite error 1: no such column: nope'
+  IN=nul.sql t "NUL byte" 1 4 "kiv_host: standard input:1: a NUL byte in the line; the line and the statement in progress are dropped" -list -noheader b.db
+  t ".read of a directory" 1 "" "kiv_host: .read: d: Is a directory" b.db ".read d" "SELECT 1"
+  t ".read names file and line" 1 "$(printf '1\n1')" "$(printf '%s\n' "kiv_host: r.sql:3: statement 2: $I" '  in: SELECT' '  nope;' \
+    "kiv_host: r.sql:3: statement 4: $I" '  in: SELECT' '  nope;' "kiv_host: r2.sql:2: unknown command '.bogus' (.help lists the commands)" \
+    'kiv_host: r2.sql:3: statement 5: SQLite error 1: near "SELEC": syntax error' '  in: SELEC;')" -list -noheader b.db \
+    ".bail off" ".read r.sql" ".read r2.sql"
+  IN=comments.sql t "comments around commands" 0 "$(printf 'a\nb\nx\n2')" "" -list -noheader b.db
+  t ".output to a full device" 1 "" "kiv_host: output file: No space left on device" b.db ".output /dev/full" "SELECT 1" "SELECT 2"
+  t ".import ends in quotes" 1 0 "kiv_host: open.csv:3: the file ends inside the quoted field opened here; nothing imported" \
+    -list -noheader b.db ".bail off" ".import open.csv o" "SELECT count(*) FROM sqlite_master"
+  t ".import fails in a transaction" 1 "$(printf '1\n0')" "kiv_host: n.csv:3: inserting the row: SQLite error 19: CHECK constraint failed: a < 3" \
+    -list -noheader b.db "BEGIN; CREATE TABLE c(a INTEGER CHECK (a < 3)); INSERT INTO c VALUES (1)" ".bail off" ".import n.csv c" \
+    "SELECT count(*) FROM c" "COMMIT" "SELECT count(*) FROM c WHERE a <> 1"
+  "$host" :memory: "SELECT 1" >/dev/full 2>err; [ $? = 1 ] && [ "$(cat err)" = "kiv_host: standard output: No space left on device" ] ||
+    { echo "standard output full: $(cat err)"; fails=$((fails + 1)); } ;;
+dump) # .dump's SQL loads into the sqlite3 shell as the same database
+  "$host" a.db "CREATE TABLE t(a INTEGER PRIMARY KEY AUTOINCREMENT, b TEXT, c BLOB, d REAL, e);
+    CREATE TABLE \"odd \"\"name\"(x UNIQUE); INSERT INTO \"odd \"\"name\" VALUES ('it''s'), (char(10)), (NULL);
+    INSERT INTO t(b, c, d, e) VALUES ('x''y' || char(13, 10) || 'z', X'00FF', 0.1, NULL), (NULL, x'', 1e300, 3),
+      ('', NULL, -2.5e-7, 2.5), ('日本', NULL, 1.0 / 3, -9223372036854775808);
+    CREATE INDEX ti ON t(b, d); CREATE VIEW v AS SELECT a FROM t; ANALYZE;
+    CREATE TRIGGER tr AFTER DELETE ON t BEGIN INSERT INTO \"odd \"\"name\" VALUES ('a;b'); END" .dump >d.sql
+  "$host" a.db ".dump o%" >o.sql
+  sqlite3 b.db <d.sql && sqlite3 a.db .dump >a.sql && sqlite3 b.db .dump >b.sql && cmp -s a.sql b.sql &&
+    [ "$(grep -c '^INSERT INTO "odd ""name"\|^CREATE' o.sql)" = 4 ] && [ "$(tail -1 d.sql)" = "COMMIT;" ] ||
+    { echo ".dump: a round trip through the sqlite3 shell differs"; diff a.sql b.sql; fails=$((fails + 1)); } ;;
 esac
 [ $fails -eq 0 ] && echo "$3: ok"
 exit $fails
