@@ -27,7 +27,9 @@ const char* const dot_command_help =
     ".import [--csv] FILE TABLE\n"
     "                        import CSV rows into TABLE, created from the header line when missing\n"
     ".indexes [TABLE]        the indexes, of the tables matching TABLE (LIKE)\n"
-    ".mode MODE              table (aligned), csv, list, line or json\n"
+    ".mode [MODE [TABLE]]    how rows print (alone: the current mode); MODE is aligned (the\n"
+    "                        default), box, column, markdown, table, list, tabs, ascii, csv,\n"
+    "                        quote, tcl, line, json, html, or insert (INSERT INTO TABLE)\n"
     ".nullvalue TEXT         how NULL prints\n"
     ".once FILE              the next statement's output to FILE\n"
     ".open FILE              close the database and open FILE (created when missing)\n"
@@ -36,7 +38,8 @@ const char* const dot_command_help =
     ".quit                   end the session\n"
     ".read FILE              run the SQL and commands of FILE\n"
     ".schema [PATTERN]       the CREATE statements, of the objects matching PATTERN (LIKE)\n"
-    ".separator TEXT         between the columns of list mode\n"
+    ".separator COL [ROW]    between columns and after rows (list, csv, quote, tabs, ...)\n"
+    ".show                   the current settings\n"
     ".tables [PATTERN]       the tables and views, of those matching PATTERN (LIKE)\n"
     ".timeout MS             wait up to MS milliseconds for a locked database (default 5000)\n"
     ".timer on|off           the time each statement took, after it\n";
@@ -115,17 +118,72 @@ bool show_schema(shell& sh, const words& args) {
 }
 
 bool set_mode(shell& sh, const words& args) {
-    using mode = print_options::mode;
-    static const std::pair<const char*, mode> modes[] = {
-        {"table", mode::table}, {"csv", mode::csv}, {"list", mode::list}, {"line", mode::line}, {"json", mode::json}};
-    for (const auto& [name, how] : modes) {
-        if (args[1] == name) {
-            sh.printer.options().how = how;
-            return true;
+    print_options& print = sh.printer.options();
+    if (args.size() == 1) {
+        sh.out.text() += std::string("current output mode: ") + mode_name(print.how) + '\n';
+        return true;
+    }
+    if (!set_mode(print, args[1])) {
+        report_failure(sh, "unknown mode '" + args[1] + "' (" + mode_names() + ")");
+        return false;
+    }
+    if (args.size() > 2 && print.how == print_options::mode::insert) print.insert_table = args[2];
+    return true;
+}
+
+// Text as the sqlite3 shell's .show writes it: in double quotes, C escapes.
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (const char ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c == '"' || c == '\\') out += '\\';
+        if (c == '\n' || c == '\t' || c == '\r') {
+            out += c == '\n' ? "\\n" : c == '\t' ? "\\t" : "\\r";
+        } else if (c < 0x20U || c == 0x7FU) {
+            char octal[8];
+            std::snprintf(octal, sizeof octal, "\\%03o", c);
+            out += octal;
+        } else {
+            out += ch;
         }
     }
-    report_failure(sh, "unknown mode '" + args[1] + "' (table, csv, list, line, json)");
-    return false;
+    return out + '"';
+}
+
+bool show_settings(shell& sh, const words&) {
+    const print_options& print = sh.printer.options();
+    const bool aligned_null = print.how == print_options::mode::aligned && !print.null_set;
+    const std::pair<const char*, std::string> settings[] = {
+        {"bail", sh.bail ? "on" : "off"},
+        {"changes", sh.changes ? "on" : "off"},
+        {"headers", print.headers ? "on" : "off"},
+        {"mode", mode_name(print.how)},
+        {"nullvalue", quoted(aligned_null ? "NULL" : print.null_value)},
+        {"output", sh.out.redirected() ? "file" : "stdout"},
+        {"colseparator", quoted(print.separator)},
+        {"rowseparator", quoted(print.row_separator)},
+        {"filename", sh.path},
+    };
+    for (const auto& [name, value] : settings) {
+        char label[16];
+        std::snprintf(label, sizeof label, "%12s: ", name);
+        sh.out.text() += label + value + '\n';
+    }
+    return true;
+}
+
+// \t, \n, \r, \\ and \" in a separator, as the sqlite3 shell reads them.
+std::string unescape(const std::string& text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\' || i + 1 == text.size()) {
+            out += text[i];
+            continue;
+        }
+        const char c = text[++i];
+        out += c == 't' ? '\t' : c == 'n' ? '\n' : c == 'r' ? '\r' : c;
+    }
+    return out;
 }
 
 bool redirect_output(shell& sh, const words& args) {
@@ -264,7 +322,7 @@ constexpr command commands[] = {
      }},
     {".import", 2, 3, "[--csv] FILE TABLE", import_command},
     {".indexes", 0, 1, "[TABLE]", list_indexes},
-    {".mode", 1, 1, "table|csv|list|line|json", set_mode},
+    {".mode", 0, 2, "[MODE [TABLE]]", set_mode},
     {".nullvalue", 1, 1, "TEXT",
      [](shell& sh, const words& args) {
          sh.printer.options().null_set = true;
@@ -283,11 +341,13 @@ constexpr command commands[] = {
     {".quit", 0, 0, "", [](shell& sh, const words&) { return sh.quit = true; }},
     {".read", 1, 1, "FILE", read_file},
     {".schema", 0, 1, "[PATTERN]", show_schema},
-    {".separator", 1, 1, "TEXT",
+    {".separator", 1, 2, "COL [ROW]",
      [](shell& sh, const words& args) {
-         sh.printer.options().separator = args[1];
+         sh.printer.options().separator = unescape(args[1]);
+         if (args.size() > 2) sh.printer.options().row_separator = unescape(args[2]);
          return true;
      }},
+    {".show", 0, 0, "", show_settings},
     {".tables", 0, 1, "[PATTERN]", list_tables},
     {".timeout", 1, 1, "MS", set_timeout},
     {".timer", 1, 1, "on|off", set_switch},

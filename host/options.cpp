@@ -33,16 +33,26 @@ const char* const usage_template =
     "worker, then prints the insert rate, a few aggregates and the first rows.\n"
     "\n"
     "Options:\n"
+    "  -aligned         kiv_host's aligned table (the default)\n"
+    "  -ascii           values and rows ended by the ASCII unit and record separators\n"
     "  -bail            stop at the first error in a session too\n"
+    "  -box             a grid drawn with box-drawing characters\n"
     "  -cmd COMMAND     run COMMAND (SQL or a dot-command) first; may be repeated\n"
-    "  -csv             rows as CSV (RFC 4180, LF line ends)\n"
+    "  -column          columns as wide as their widest value, a rule under the names\n"
+    "  -csv             rows as CSV, quoted as the sqlite3 shell quotes them (CRLF line ends)\n"
     "  -header          column names above the rows (the default)\n"
+    "  -html            rows as HTML table rows\n"
+    "  -insert          rows as INSERT statements\n"
     "  -json            rows as a JSON array of objects\n"
     "  -line            one \"name = value\" line per column\n"
     "  -list            values separated by \"|\" (see .separator)\n"
+    "  -markdown        a Markdown table\n"
     "  -noheader        no column names\n"
+    "  -quote           values as SQL literals, separated by commas\n"
     "  -readonly        PATH must exist; opened with try_open and PRAGMA query_only\n"
-    "  -table           an aligned table (the default)\n"
+    "  -table           a grid drawn with +, - and |\n"
+    "  -tabs            values separated by tabs\n"
+    "  -tcl             values as quoted C strings\n"
     "  -timeout MS      wait up to MS milliseconds for a locked database (default 5000)\n"
     "  --no-create      PATH must be an existing database file (opened with try_open)\n"
     "  --               end of options, for a PATH that begins with -\n"
@@ -58,14 +68,17 @@ const char* const usage_template =
     "\n"
     "Output:\n"
     "  Standard output holds only the rows and what the commands print; errors and the library's\n"
-    "  console lines (DATABASE SERVICE ...) go to standard error. A table aligns its columns by\n"
-    "  display width (wide characters count two columns, combining marks none) with widths from\n"
-    "  the first 1000 rows, right-aligns numeric columns and ends with the row count. NULL prints\n"
-    "  as NULL in a table (empty elsewhere; see .nullvalue), blobs as X'hex', REAL values with 15\n"
-    "  significant digits. In a table, control characters print as \\n, \\r, \\t or \\xHH and a\n"
-    "  backslash as \\\\. CSV quotes fields holding a comma, a double quote, CR or LF. Rows print\n"
-    "  as they are stepped; when the reader of standard output goes away (| head), the run stops\n"
-    "  quietly.\n"
+    "  console lines (DATABASE SERVICE ...) go to standard error. The modes print as the sqlite3\n"
+    "  shell's do, except: blobs print as X'hex' (upper-case digits), quote and insert write a\n"
+    "  REAL in the shortest form that reads back as the same value (infinities as 1e999) and\n"
+    "  text with its line breaks as they are, column widths count display columns (wide\n"
+    "  characters two, combining marks none), grids never wrap long values, and control\n"
+    "  characters in the aligned and grid modes print as \\n, \\r, \\t or \\xHH (a backslash as\n"
+    "  \\\\) so that a row stays on one line. The aligned mode (kiv_host's own) right-aligns\n"
+    "  numeric columns with widths from the first 1000 rows, prints NULL as NULL and ends with\n"
+    "  the row count. Rows print as they are stepped (column, box, markdown and table hold a\n"
+    "  result to size it); when the reader of standard output goes away (| head), the run\n"
+    "  stops quietly.\n"
     "\n"
     "Database:\n"
     "  PATH is created when it does not exist and its directory does; :memory: opens a private\n"
@@ -86,17 +99,8 @@ int usage_error(const std::string& message) {
 
 // Options that take no value; false when `arg` is none of them.
 bool set_flag(const std::string& arg, options& opts) {
-    using mode = print_options::mode;
-    const std::pair<const char*, mode> modes[] = {{"-csv", mode::csv},
-                                                  {"-json", mode::json},
-                                                  {"-line", mode::line},
-                                                  {"-list", mode::list},
-                                                  {"-table", mode::table}};
-    for (const auto& [name, how] : modes) {
-        if (arg != name) continue;
-        opts.print.how = how;
-        return true;
-    }
+    // Every mode is an option of its own: -box, -csv, ...
+    if (set_mode(opts.print, arg.substr(1))) return true;
     if (arg == "-header" || arg == "-headers") return opts.print.headers = true;
     if (arg == "-noheader") {
         opts.print.headers = false;

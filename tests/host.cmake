@@ -6,6 +6,10 @@ if(TARGET kiv_host)
       $<TARGET_FILE:kiv_host> ${CMAKE_CURRENT_BINARY_DIR}/host-${group} ${group} ${PROJECT_VERSION})
     set_tests_properties(host_${group} PROPERTIES TIMEOUT 300 LABELS host)
   endforeach()
+  # The output modes against the sqlite3 shell's, the oracle.
+  add_test(NAME host_modes COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/host/modes_case.sh
+    $<TARGET_FILE:kiv_host> ${CMAKE_CURRENT_BINARY_DIR}/host-modes)
+  set_tests_properties(host_modes PROPERTIES TIMEOUT 300 LABELS host)
   # The demo under valgrind's memcheck, which does not run sanitizer builds: hence the label.
   if(NOT KIV_SANITIZE)
     # No memory error and nothing definitely lost.

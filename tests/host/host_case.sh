@@ -53,7 +53,7 @@ n\n1
 ----
    4
 (1 row)' "" t.db -
-  t "CSV" 0 "$(printf 'a,"b,c"\n1,"x,y"\n2,"say ""hi"""\n,"two\nlines"\n3.5,"cr\r"\nX'\''00'\'',')" "" \
+  t "CSV" 0 "$(printf 'a,"b,c"\r\n1,"x,y"\r\n2,"say ""hi"""\r\n,"two\nlines"\r\n3.5,"cr\r"\r\n"X'\''00'\''",""\r')" "" \
     --csv t.db "SELECT column1 AS a, column2 AS \"b,c\" FROM (VALUES (1, 'x,y'), (2, 'say \"hi\"'),
     (NULL, 'two' || char(10) || 'lines'), (3.5, 'cr' || char(13)), (X'00', ''))"
   t "widths from the first 1000 rows" 0 "$(printf 'v     i\n-  ----\n'; seq 1000 | awk '{printf "a  %4d\n", $1}'
@@ -68,7 +68,7 @@ errors) # the rows before an error print, then the error; later statements never
   in: SELECT abs(column1) AS v FROM (VALUES (1), (-2), (-9223372036854775808));" e.db "CREATE TABLE t(a);
     SELECT abs(column1) AS v FROM (VALUES (1), (-2), (-9223372036854775808)); CREATE TABLE never(a)"
   t "bad SQL" 1 "" "$(printf 'kiv_host: e.db: statement 1: SQLite error 1: near "SELEC": syntax error\n  in: SELEC')" e.db SELEC
-  t "--no-create, existing file" 0 "$(printf 'never\n0')" "" --csv --no-create e.db \
+  t "--no-create, existing file" 0 "$(printf 'never\r\n0\r')" "" --csv --no-create e.db \
     "SELECT count(*) AS never FROM sqlite_master WHERE name = 'never'"
   echo 'not a database, only text that is long enough to hold a header' >nodb
   t "not a database" 1 "" "kiv_host: nodb: SQLite error 26: file is not a database" nodb "SELECT 1"
@@ -89,12 +89,12 @@ commands) # dot-commands and the options that match them, as arguments
   t ".schema" 0 "CREATE TABLE t(a INTEGER, b TEXT);" "" c.db ".schema t"
   t "list, separator, nullvalue, headers" 0 "$(printf 'a;b\n1;x\n2;-\n1;x\n2;-')" "" c.db ".mode list" \
     ".separator ;" ".nullvalue -" "$Q" ".headers off" "$Q"
-  t ".mode line" 0 "$(printf 'a = 1\nb = x\n\na = 2\nb = ')" "" c.db ".mode line" "$Q"
+  t ".mode line" 0 "$(printf '    a = 1\n    b = x\n\n    a = 2\n    b = ')" "" c.db ".mode line" "$Q"
   t ".mode json" 0 "$(printf '[{"a":1,"b":"x"},\n{"a":2,"b":null}]')" "" c.db ".mode json" "$Q"
-  t "-csv -noheader -cmd" 0 "$(printf '1,x\n2,N')" "" -csv -noheader -cmd ".nullvalue N" c.db "$Q"
+  t "-csv -noheader -cmd" 0 "$(printf '1,x\r\n2,N\r')" "" -csv -noheader -cmd ".nullvalue N" c.db "$Q"
   t ".once" 0 "$(printf 'two\n---\n  2\n(1 row)')" "" c.db ".once o.txt" "SELECT 1 AS one" "SELECT 2 AS two"
   [ "$(cat o.txt)" = "$(printf 'one\n---\n  1\n(1 row)')" ] || { echo ".once: $(cat o.txt)"; fails=$((fails + 1)); }
-  t ".read" 0 "$(printf 'n\n-\n3\n(1 row)\n\nn\n4')" "" c.db ".read r.sql"
+  t ".read" 0 "$(printf 'n\n-\n3\n(1 row)\nn\r\n4\r')" "" c.db ".read r.sql"
   t ".bail off" 1 "$(printf 'n\n-\n5\n(1 row)')" "$(printf 'kiv_host: c.db: statement 1: SQLite error 1: near "SELEC": syntax error\n  in: SELEC')" \
     c.db ".bail off" SELEC "SELECT 5 AS n"
   t ".changes" 0 "$(printf 'changes: 0   total_changes: 0\nchanges: 2   total_changes: 2')" "" \
@@ -111,7 +111,7 @@ commands) # dot-commands and the options that match them, as arguments
   c() { t "$1" 1 "" "kiv_host: $2" c.db "$1" "SELECT 1"; }
   c .bogus "unknown command '.bogus' (.help lists the commands)"
   c ".headers maybe" "usage: .headers on|off"
-  c ".mode box" "unknown mode 'box' (table, csv, list, line, json)"
+  c ".mode bogus" "unknown mode 'bogus' (aligned, ascii, box, column, csv, html, insert, json, line, list, markdown, quote, table, tabs, tcl)"
   c ".timeout 1x" ".timeout: not a number of milliseconds: 1x"
   c ".import only.csv" "usage: .import [--csv] FILE TABLE"
   c ".read missing.sql" ".read: missing.sql: No such file or directory" ;;
@@ -119,11 +119,9 @@ session) # standard input as a stream: statements over lines, commands between, 
   printf '%s\n' "CREATE TABLE s(a); INSERT INTO s" "  VALUES (1), ('two;');" ".mode csv" ";-- it's a comment, after an empty statement" \
     "SELECT * FROM s;" "SELEC;" "SELECT count(*) AS n FROM s" >in
   E=$(printf 'kiv_host: s.db: statement 4: SQLite error 1: near "SELEC": syntax error\n  in: SELEC;')
-  IN=in t "piped session" 1 "$(printf 'a\n1\ntwo;\n\nn\n2')" "$E" s.db
+  IN=in t "piped session" 1 "$(printf 'a\r\n1\r\ntwo;\r\nn\r\n2\r')" "$E" s.db
   E=$(printf '%s\n' "$E" | sed 's/s\.db/s2.db/')
-  IN=in t "-bail" 1 "a
-1
-two;" "$E" -bail s2.db
+  IN=in t "-bail" 1 "$(printf 'a\r\n1\r\ntwo;\r')" "$E" -bail s2.db
   # A statement runs as soon as its line is read, while standard input stays open.
   mkfifo fifo; "$host" -list s.db <fifo >out 2>err & exec 3>fifo; echo "SELECT 40 + 2 AS n;" >&3
   i=0; while [ $i -lt 100 ] && ! grep -q 42 out; do sleep 0.1; i=$((i + 1)); done
@@ -137,9 +135,9 @@ two;" "$E" -bail s2.db
 import) # a CSV with quoted commas, quotes and line ends; the table made from its header line
   printf 'name,"note, quoted",n\r\n"Smith, J","line one\nline two",1\r\nplain,"say ""hi""",2\n\nshort\n' >a.csv
   W="kiv_host: a.csv:6: expected 3 columns, found 1: the rest are NULL"
-  t ".import" 0 "$(printf 'name,"note, quoted",n\n"Smith, J","line one\nline two",1\nplain,"say ""hi""",2\nshort,,')" "$W" \
+  t ".import" 0 "$(printf 'name,"note, quoted",n\r\n"Smith, J","line one\nline two",1\r\nplain,"say ""hi""",2\r\nshort,,\r')" "$W" \
     -csv i.db ".import a.csv p" "SELECT * FROM p"
-  t "into an existing table" 0 "$(printf 'count(*),typeof(n)\n7,text')" "$W" -csv i.db ".import --csv a.csv p" \
+  t "into an existing table" 0 "$(printf 'count(*),typeof(n)\r\n7,text\r')" "$W" -csv i.db ".import --csv a.csv p" \
     "SELECT count(*), typeof(n) FROM p" ;;
 terminal) # a person at a terminal, under tmux: what the screen shows, and the exit status
   X="tmux -L kiv_host_test$$ -f /dev/null"
@@ -153,8 +151,8 @@ terminal) # a person at a terminal, under tmux: what the screen shows, and the e
     i=0; while [ $i -lt 100 ] && ! $X capture-pane -p | grep -qF -- "$1"; do sleep 0.1; i=$((i + 1)); done; }
   k "CREATE TABLE t("; k "a INTEGER, b TEXT);"; k "INSERT INTO t VALUES (1, 'one'), (2, '日本');"
   k "SELECT * FROM t;"; k .tables; k .schema; k ".mode csv"; k "SELECT * FROM t;"; k "SELEC;"
-  k "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;"
-  w n; $X send-keys C-c; w "  in: WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;"
+  k "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT 0 n UNION ALL SELECT count(*) FROM c;"
+  w 0; $X send-keys C-c; w "  in: WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT 0 n UNION ALL SELECT count(*) FROM c;"
   k "SELECT 3"; p; $X send-keys C-c; k "SELECT 4;"; k .quit
   i=0; while [ $i -lt 100 ] && [ ! -s st ]; do sleep 0.1; i=$((i + 1)); done
   $X capture-pane -p -S 0 -E 49 | sed -e :a -e '/^\n*$/{$d;N;ba' -e '}' >screen; $X kill-server
@@ -178,14 +176,15 @@ kiv_host> .mode csv
 kiv_host> SELECT * FROM t;
 a,b
 1,one
-2,日本
+2,"日本"
 kiv_host> SELEC;
 kiv_host: i.db: statement 5: SQLite error 1: near "SELEC": syntax error
   in: SELEC;
-kiv_host> WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;
+kiv_host> WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT 0 n UNION ALL SELECT count(*) FROM c;
 n
+0
 ^Ckiv_host: i.db: statement 6: SQLite error 9: interrupted
-  in: WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT count(*) AS n FROM c;
+  in: WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c) SELECT 0 n UNION ALL SELECT count(*) FROM c;
 kiv_host> SELECT 3
    ...>
 kiv_host> SELECT 4;

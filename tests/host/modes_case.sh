@@ -1,0 +1,52 @@
+#!/bin/sh
+# kiv_host's output modes beside the sqlite3 shell's: the same commands and query through both,
+# standard output and the exit status compared byte for byte.   modes_case.sh KIV_HOST WORK_DIR
+set -u; host=$1 fails=0; rm -rf "$2" && mkdir -p "$2" && cd "$2" || exit 1
+command -v sqlite3 >/dev/null || { echo "the sqlite3 shell is missing (Debian package sqlite3)"; exit 1; }
+# f NAME: counts a failure when the files want and out differ, and shows how
+f() { cmp -s want out || { echo "$1:"; diff want out; fails=$((fails + 1)); }; }
+# Text with blanks, quotes, a comma, markup, a tab, UTF-8 and none at all; integers; NULL; names
+# that need quoting; a result without rows between two; a failing statement that ends the run.
+Q="SELECT 1 AS a, 'x y' AS \"b c\", NULL AS c UNION ALL SELECT -22, 'it''s \"q\", <&>é', 3;
+  SELECT 5 AS z WHERE 0; SELECT '' AS e, 'tab	x' AS \"select\", 123456789012 AS n, NULL; SELECT nosuch()"
+# Each line: a mode, then a dot-command run after it; both run with headers on and off.
+while IFS='|' read -r mode more; do
+  for h in header noheader; do
+    set -- -cmd ".mode $mode" "-$h"; [ -z "$more" ] || set -- "$@" -cmd "$more"
+    sqlite3 "$@" :memory: "$Q" >want 2>/dev/null; echo "status $?" >>want
+    "$host" "$@" :memory: "$Q" >out 2>/dev/null; echo "status $?" >>out
+    f ".mode $mode, $more, -$h"
+  done
+done <<'E'
+list|.mode
+list|.separator ";" "~"
+list|.nullvalue -
+csv|
+csv|.separator ;
+line|
+column|
+box|.nullvalue -
+markdown|
+table|
+insert|
+insert t1|
+quote|
+json|
+html|
+tabs|
+ascii|
+tcl|.mode
+E
+# Insert mode writes what SQLite reads back as the same values, reals and blobs among them.
+sqlite3 r.db "CREATE TABLE t(v); CREATE TABLE u(v); INSERT INTO t VALUES (0.1), (0.30000000000000004),
+  (1e300), (-2.5e-7), (1e999), (-1e999), (2.0), (1e20), ('it''s' || char(10) || 'x'), (X'00FF'), (NULL),
+  (9223372036854775807), (-9223372036854775808), ('')"
+"$host" -cmd ".mode insert u" r.db "SELECT v FROM t ORDER BY rowid" 2>/dev/null | sqlite3 r.db
+sqlite3 r.db "SELECT count(*) FROM t JOIN u ON t.rowid = u.rowid AND t.v IS u.v AND typeof(t.v) = typeof(u.v)" >out
+echo 14 >want; f "insert mode read back"
+# .show: the settings as they stand
+printf '%12s: %s\n' bail on changes off headers off mode csv nullvalue '"-"' output stdout \
+  colseparator '"\t"' rowseparator '"\r\n"' filename :memory: >want
+"$host" -csv -noheader :memory: ".nullvalue -" ".separator \t" .show >out 2>/dev/null; f .show
+[ $fails -eq 0 ] && echo "modes: ok"
+exit $fails
