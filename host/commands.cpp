@@ -107,8 +107,7 @@ bool list_tables(shell& sh, const words& args) {
 }
 
 bool list_indexes(shell& sh, const words& args) {
-    return query_names(sh,
-                       "SELECT name FROM sqlite_master WHERE type = 'index' AND tbl_name LIKE ?1 ORDER BY name",
+    return query_names(sh, "SELECT name FROM sqlite_master WHERE type = 'index' AND tbl_name LIKE ?1 ORDER BY name",
                        args.size() > 1 ? args[1] : "%", [&](const std::string& name) { sh.out.text() += name + '\n'; });
 }
 
@@ -312,7 +311,8 @@ constexpr command commands[] = {
     {".backup", 1, 2, "[DB] FILE", backup_to},
     {".bail", 1, 1, "on|off", set_switch},
     {".changes", 1, 1, "on|off", set_switch},
-    {".dump", 0, 1, "[PATTERN]", [](shell& sh, const words& args) { return dump_database(sh, args.size() > 1 ? args[1] : "%"); }},
+    {".dump", 0, 1, "[PATTERN]",
+     [](shell& sh, const words& args) { return dump_database(sh, args.size() > 1 ? args[1] : "%"); }},
     {".exit", 0, 0, "", [](shell& sh, const words&) { return sh.quit = true; }},
     {".headers", 1, 1, "on|off", set_switch},
     {".help", 0, 1, "",

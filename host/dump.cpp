@@ -80,7 +80,8 @@ bool read_schema(shell& sh, const std::string& pattern, std::vector<schema_entry
                                 "ORDER BY type <> 'table', name = 'sqlite_sequence', rowid");
     if (rc == SQLITE_OK) rc = kiv_sqlite_bind_text(db, 1, pattern.data(), pattern.size());
     while (rc == SQLITE_OK && (rc = kiv_sqlite_step(db)) == SQLITE_ROW) {
-        entries.push_back({kiv_sqlite_column_text(db, 0), kiv_sqlite_column_text(db, 1), kiv_sqlite_column_text(db, 2)});
+        entries.push_back(
+            {kiv_sqlite_column_text(db, 0), kiv_sqlite_column_text(db, 1), kiv_sqlite_column_text(db, 2)});
         rc = SQLITE_OK;
     }
     if (rc != SQLITE_DONE) return fail(sh, db);

@@ -14,7 +14,7 @@ struct options {
     bool help = false;
     bool version = false;
     bool demo = false;
-    bool verbose = false;   // the service's shutdown lines on standard error
+    bool verbose = false;  // the service's shutdown lines on standard error
     bool bail = false;
     open_settings open;
     print_options print;

@@ -1,8 +1,8 @@
 #include "shell.h"
 
 #include <editline/readline.h>
-#include <sys/resource.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -74,7 +74,9 @@ struct cpu_time {
 cpu_time cpu_time_now() {
     struct rusage usage {};
     ::getrusage(RUSAGE_SELF, &usage);
-    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + 1e-6 * static_cast<double>(t.tv_usec); };
+    const auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + 1e-6 * static_cast<double>(t.tv_usec);
+    };
     return {seconds(usage.ru_utime), seconds(usage.ru_stime)};
 }
 

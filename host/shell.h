@@ -23,15 +23,15 @@ struct shell {
     result_printer printer;
     std::string path;
     open_settings settings;   // for .open
-    std::string source;      // the input being read, for messages: a file, "standard input" or none
-    std::size_t line = 0;    // its line
+    std::string source;       // the input being read, for messages: a file, "standard input" or none
+    std::size_t line = 0;     // its line
     bool name_lines = false;  // SQL errors name source:line rather than the database (.read)
     bool to_file = false;     // output goes to a file (.output, .once)
     bool timer = false;       // the time of each statement after it
-    bool bail = true;      // the first error ends the run
-    bool changes = false;  // the change counts after each statement
-    bool once = false;     // output back to standard output after the next statement
-    bool quit = false;     // .quit was given
+    bool bail = true;         // the first error ends the run
+    bool changes = false;     // the change counts after each statement
+    bool once = false;        // output back to standard output after the next statement
+    bool quit = false;        // .quit was given
     std::size_t statements = 0;
     std::size_t errors = 0;
 };

@@ -24,7 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (std::size_t at = 0; at < text.size(); at += piece) {
         splitter.add(text.data() + at, std::min(piece, text.size() - at));
         while (splitter.next(statement)) {
-            if (statement.back() != ';' || sqlite3_complete(statement.c_str()) == 0 || kiv_host::is_blank_sql(statement))
+            if (statement.back() != ';' || sqlite3_complete(statement.c_str()) == 0 ||
+                kiv_host::is_blank_sql(statement))
                 __builtin_trap();
             pieces.push_back(statement);
         }
