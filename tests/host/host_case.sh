@@ -114,7 +114,16 @@ commands) # dot-commands and the options that match them, as arguments
   c ".mode bogus" "unknown mode 'bogus' (aligned, ascii, box, column, csv, html, insert, json, line, list, markdown, quote, table, tabs, tcl)"
   c ".timeout 1x" ".timeout: not a number of milliseconds: 1x"
   c ".import only.csv" "usage: .import [--csv] FILE TABLE"
-  c ".read missing.sql" ".read: missing.sql: No such file or directory" ;;
+  c ".read missing.sql" ".read: missing.sql: No such file or directory"
+  c ".timeout -1" ".timeout: not a number of milliseconds: -1"
+  c ".tables a b" "usage: .tables [PATTERN]"
+  c ".open /missing/x.db" ".open: /missing/x.db: SQLite error 14: unable to open database file"
+  c ".backup /missing/x.db" ".backup: /missing/x.db: SQLite error 14: unable to open database file"
+  echo ".read self.sql" >self.sql; c ".read self.sql" "self.sql:1: .read: self.sql: files nested 32 deep"
+  for w in on yes true 1 off no false 0; do printf '.headers %s\nSELECT 1 AS h;\n' $w; done >switch.sql
+  t "on|off spellings, .output stdout" 0 "$(printf 'h\n1\nh\n1\nh\n1\nh\n1\n1\n1\n1\n1\n2')" "" -list c.db ".output o2.txt" \
+    "SELECT 0" ".output stdout" ".read switch.sql" ".output" "SELECT 2 AS n"
+  [ "$(cat o2.txt)" = "$(printf '0\n0')" ] || { echo ".output: $(cat o2.txt)"; fails=$((fails + 1)); } ;;
 session) # standard input as a stream: statements over lines, commands between, errors go on
   printf '%s\n' "CREATE TABLE s(a); INSERT INTO s" "  VALUES (1), ('two;');" ".mode csv" ";-- it's a comment, after an empty statement" \
     "SELECT * FROM s;" "SELEC;" "SELECT count(*) AS n FROM s" >in
@@ -122,6 +131,10 @@ session) # standard input as a stream: statements over lines, commands between, 
   IN=in t "piped session" 1 "$(printf 'a\r\n1\r\ntwo;\r\nn\r\n2\r')" "$E" s.db
   E=$(printf '%s\n' "$E" | sed 's/s\.db/s2.db/')
   IN=in t "-bail" 1 "$(printf 'a\r\n1\r\ntwo;\r')" "$E" -bail s2.db
+  # 200 KB of statements over two lines each: the splitter drops what it has handed out
+  { echo "CREATE TABLE big(a, b);"; seq 3000 | awk '{printf "INSERT INTO big VALUES (%d,\n'"'%060d'"');\n", $1, $1}'
+    echo "SELECT count(*), sum(a), count(DISTINCT b), min(b) FROM big;"; } >big.sql
+  IN=big.sql t "a long script" 0 "3000|4501500|3000|$(printf '%060d' 1)" "" -list -noheader :memory:
   # A statement runs as soon as its line is read, while standard input stays open.
   mkfifo fifo; "$host" -list s.db <fifo >out 2>err & exec 3>fifo; echo "SELECT 40 + 2 AS n;" >&3
   i=0; while [ $i -lt 100 ] && ! grep -q 42 out; do sleep 0.1; i=$((i + 1)); done
@@ -131,6 +144,7 @@ session) # standard input as a stream: statements over lines, commands between, 
   i=0; while [ $i -lt 100 ] && ! grep -q 43 out; do sleep 0.1; i=$((i + 1)); done
   t "locked" 1 "" "$(printf 'kiv_host: s.db: statement 1: SQLite error 5: database is locked\n  in: SELECT count(*) FROM s')" \
     -timeout 200 s.db "SELECT count(*) FROM s"
+  for c in .tables .dump; do t "locked $c" 1 "" "kiv_host: s.db: SQLite error 5: database is locked" -timeout 0 s.db $c; done
   exec 3>&-; wait ;;
 import) # a CSV with quoted commas, quotes and line ends; the table made from its header line
   printf 'name,"note, quoted",n\r\n"Smith, J","line one\nline two",1\r\nplain,"say ""hi""",2\n\nshort\n' >a.csv
@@ -196,7 +210,8 @@ E
 bad) # bad input is refused loudly: an error naming it, and a failing exit status
   printf 'SELECT 2\0 ; SELECT 3;\nSELECT 4;\n' >nul.sql; printf 'a,b\n1,2\n3,"x\n4,5\n' >open.csv; printf '1\n2\n5\n' >n.csv
   printf 'SELECT 1;\n\nSELECT\n  nope;\n' >r.sql; printf '.read r.sql\n.bogus\n/* ; */ SELEC;\n' >r2.sql; mkdir d
-  printf '%s\n' '-- c;' '.print a' '/* c; */' '.print b' "SELECT 'x' -- ;" ';' 'SELECT 2; /* open' >comments.sql
+  printf '%s\n' '-- c;' '.print a' '/* c; */' '.print b' "/* c; */ SELECT 'x'; -- it's" "SELECT 'y' /* ; */ ;" '.print c' ';' \
+    '/* c */ SELEC;' 'SELECT 2; /* open' >comments.sql
   I='SQLite error 1: no such column: nope'
   IN=nul.sql t "NUL byte" 1 4 "kiv_host: standard input:1: a NUL byte in the line; the line and the statement in progress are dropped" -list -noheader b.db
   t ".read of a directory" 1 "" "kiv_host: .read: d: Is a directory" b.db ".read d" "SELECT 1"
@@ -204,7 +219,10 @@ bad) # bad input is refused loudly: an error naming it, and a failing exit statu
     "kiv_host: r.sql:3: statement 4: $I" '  in: SELECT' '  nope;' "kiv_host: r2.sql:2: unknown command '.bogus' (.help lists the commands)" \
     'kiv_host: r2.sql:3: statement 5: SQLite error 1: near "SELEC": syntax error' '  in: SELEC;')" -list -noheader b.db \
     ".bail off" ".read r.sql" ".read r2.sql"
-  IN=comments.sql t "comments around commands" 0 "$(printf 'a\nb\nx\n2')" "" -list -noheader b.db
+  IN=comments.sql t "comments around commands" 1 "$(printf 'a\nb\nx\ny\nc\n2')" "$(printf '%s\n' \
+    'kiv_host: b.db: statement 3: SQLite error 1: near "SELEC": syntax error' '  in: SELEC;')" -list -noheader b.db
+  t ".import into a read-only database" 1 "" "kiv_host: n.csv: SQLite error 8: attempt to write a readonly database" \
+    -readonly b.db ".import n.csv n"
   t ".output to a full device" 1 "" "kiv_host: output file: No space left on device" b.db ".output /dev/full" "SELECT 1" "SELECT 2"
   t ".import ends in quotes" 1 0 "kiv_host: open.csv:3: the file ends inside the quoted field opened here; nothing imported" \
     -list -noheader b.db ".bail off" ".import open.csv o" "SELECT count(*) FROM sqlite_master"
