@@ -31,17 +31,14 @@ std::size_t skip_filler(const char* text, std::size_t n, std::size_t pos, bool s
     return pos;
 }
 
-// Compacting only once the consumed part is large keeps the copying linear overall.
-constexpr std::size_t compact_at = 64 * 1024;
-
 }  // namespace
 
 void statement_splitter::add(const char* text, std::size_t size) {
-    if (start_ >= compact_at && start_ * 2 >= pending_.size()) {
-        pending_.erase(0, start_);
-        pos_ -= start_;
-        start_ = 0;
-    }
+    // What was handed out goes before more text comes. Only the statement in progress moves,
+    // once: after that it starts at 0 and stays there until it is complete.
+    pending_.erase(0, start_);
+    pos_ -= start_;
+    start_ = 0;
     pending_.append(text, size);
 }
 

@@ -210,7 +210,7 @@ E
 bad) # bad input is refused loudly: an error naming it, and a failing exit status
   printf 'SELECT 2\0 ; SELECT 3;\nSELECT 4;\n' >nul.sql; printf 'a,b\n1,2\n3,"x\n4,5\n' >open.csv; printf '1\n2\n5\n' >n.csv
   printf 'SELECT 1;\n\nSELECT\n  nope;\n' >r.sql; printf '.read r.sql\n.bogus\n/* ; */ SELEC;\n' >r2.sql; mkdir d
-  printf '%s\n' '-- c;' '.print a' '/* c; */' '.print b' "/* c; */ SELECT 'x'; -- it's" "SELECT 'y' /* ; */ ;" '.print c' ';' \
+  printf '%s\n' '-- c;' '.print a' '/* c; */' '.print b' "/* c; */ SELECT 'x'; -- it's" "SELECT 'y', 2 AS \"a;\", 3 AS [b;], 4 AS \`c;\` /* ; */ ;" '.print c' ';' \
     '/* c */ SELEC;' 'SELECT 2; /* open' >comments.sql
   I='SQLite error 1: no such column: nope'
   IN=nul.sql t "NUL byte" 1 4 "kiv_host: standard input:1: a NUL byte in the line; the line and the statement in progress are dropped" -list -noheader b.db
@@ -219,7 +219,7 @@ bad) # bad input is refused loudly: an error naming it, and a failing exit statu
     "kiv_host: r.sql:3: statement 4: $I" '  in: SELECT' '  nope;' "kiv_host: r2.sql:2: unknown command '.bogus' (.help lists the commands)" \
     'kiv_host: r2.sql:3: statement 5: SQLite error 1: near "SELEC": syntax error' '  in: SELEC;')" -list -noheader b.db \
     ".bail off" ".read r.sql" ".read r2.sql"
-  IN=comments.sql t "comments around commands" 1 "$(printf 'a\nb\nx\ny\nc\n2')" "$(printf '%s\n' \
+  IN=comments.sql t "comments around commands" 1 "$(printf 'a\nb\nx\ny|2|3|4\nc\n2')" "$(printf '%s\n' \
     'kiv_host: b.db: statement 3: SQLite error 1: near "SELEC": syntax error' '  in: SELEC;')" -list -noheader b.db
   t ".import into a read-only database" 1 "" "kiv_host: n.csv: SQLite error 8: attempt to write a readonly database" \
     -readonly b.db ".import n.csv n"
