@@ -50,19 +50,14 @@ using words = std::vector<std::string>;
 
 // Splits a command line into words at blanks; '...' and "..." quote a word with blanks.
 words split_words(const std::string& line) {
+    static const char blanks[] = " \t\n\r\v\f";
     words result;
-    std::size_t i = 0;
-    while (i < line.size()) {
-        while (i < line.size() && std::isspace(static_cast<unsigned char>(line[i])) != 0) ++i;
-        if (i == line.size()) break;
-        std::string word;
+    std::size_t i = line.find_first_not_of(blanks);
+    while (i != std::string::npos) {
         const char quote = line[i] == '\'' || line[i] == '"' ? line[i++] : '\0';
-        while (i < line.size() &&
-               (quote != '\0' ? line[i] != quote : std::isspace(static_cast<unsigned char>(line[i])) == 0)) {
-            word += line[i++];
-        }
-        if (quote != '\0' && i < line.size()) ++i;
-        result.push_back(word);
+        const std::size_t end = quote != '\0' ? line.find(quote, i) : line.find_first_of(blanks, i);
+        result.push_back(line.substr(i, end - i));  // an unclosed quote runs to the end
+        i = end == std::string::npos ? end : line.find_first_not_of(blanks, end + 1);
     }
     return result;
 }
@@ -364,10 +359,11 @@ bool run_dot_command(shell& sh, const std::string& line) {
             report_failure(sh, std::string("usage: ") + c.name + (*c.usage != '\0' ? " " : "") + c.usage);
             return false;
         }
-        const bool ok = c.run(sh, args);
+        // A command that fails counts as an error even if it had nothing to say.
+        if (!c.run(sh, args) && sh.errors == errors) ++sh.errors;
         sh.out.flush();
         check_output(sh);
-        return ok && sh.errors == errors;
+        return sh.errors == errors;
     }
     report_failure(sh, "unknown command '" + args[0] + "' (.help lists the commands)");
     return false;

@@ -89,6 +89,7 @@ commands) # dot-commands and the options that match them, as arguments
   t ".schema" 0 "CREATE TABLE t(a INTEGER, b TEXT);" "" c.db ".schema t"
   t "list, separator, nullvalue, headers" 0 "$(printf 'a;b\n1;x\n2;-\n1;x\n2;-')" "" c.db ".mode list" \
     ".separator ;" ".nullvalue -" "$Q" ".headers off" "$Q"
+  t ".nullvalue in the aligned table" 0 "$(printf 'n\n-\n-\n(1 row)')" "" -aligned :memory: ".nullvalue -" "SELECT NULL AS n"
   t ".mode line" 0 "$(printf '    a = 1\n    b = x\n\n    a = 2\n    b = ')" "" c.db ".mode line" "$Q"
   t ".mode json" 0 "$(printf '[{"a":1,"b":"x"},\n{"a":2,"b":null}]')" "" c.db ".mode json" "$Q"
   t "-csv -noheader -cmd" 0 "$(printf '1,x\r\n2,N\r')" "" -csv -noheader -cmd ".nullvalue N" c.db "$Q"
