@@ -41,7 +41,8 @@ const char* const dot_command_help =
     ".separator COL [ROW]    between columns and after rows (list, csv, quote, tabs, ...)\n"
     ".show                   the current settings\n"
     ".tables [PATTERN]       the tables and views, of those matching PATTERN (LIKE)\n"
-    ".timeout MS             wait up to MS milliseconds for a locked database (default 5000)\n"
+    ".timeout MS             wait up to MS milliseconds for a locked database (default 5000; .open\n"
+    "                        returns to -timeout's)\n"
     ".timer on|off           the time each statement took, after it\n";
 
 namespace {
@@ -267,8 +268,7 @@ bool set_timeout(shell& sh, const words& args) {
         report_failure(sh, ".timeout: not a number of milliseconds: " + args[1]);
         return false;
     }
-    sh.settings.timeout_ms = static_cast<int>(ms);
-    sqlite3_busy_timeout(sh.db.sqlite(), sh.settings.timeout_ms);
+    sqlite3_busy_timeout(sh.db.sqlite(), static_cast<int>(ms));
     return true;
 }
 

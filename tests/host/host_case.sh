@@ -237,6 +237,7 @@ dump) # .dump's SQL loads into the sqlite3 shell as the same database
     CREATE TABLE \"odd \"\"name\"(x UNIQUE); INSERT INTO \"odd \"\"name\" VALUES ('it''s'), (char(10)), (NULL);
     INSERT INTO t(b, c, d, e) VALUES ('x''y' || char(13, 10) || 'z', X'00FF', 0.1, NULL), (NULL, x'', 1e300, 3),
       ('', NULL, -2.5e-7, 2.5), ('日本', NULL, 1.0 / 3, -9223372036854775808);
+    CREATE TABLE sqlitely(a); INSERT INTO sqlitely VALUES (1);
     CREATE INDEX ti ON t(b, d); CREATE VIEW v AS SELECT a FROM t; ANALYZE;
     CREATE TRIGGER tr AFTER DELETE ON t BEGIN INSERT INTO \"odd \"\"name\" VALUES ('a;b'); END" .dump >d.sql
   "$host" a.db ".dump o%" >o.sql
