@@ -145,7 +145,8 @@ void check_output(shell& sh) {
 bool run_sql(shell& sh, const std::string& statement) {
     const std::size_t number = ++sh.statements;
     sql_error error;
-    const auto started = std::chrono::steady_clock::now();
+    using clock = std::chrono::steady_clock;
+    const clock::time_point started = sh.timer ? clock::now() : clock::time_point();
     const cpu_time used = sh.timer ? cpu_time_now() : cpu_time{};
     const bool ok = run_statement(sh.db.handle(), statement, sh.printer, error);
     if (sh.printer.finish() && ok) sh.printer.put_row_count();
@@ -163,9 +164,7 @@ bool run_sql(shell& sh, const std::string& statement) {
         sh.out.text() += "changes: " + std::to_string(sqlite3_changes(sh.db.sqlite())) +
                          "   total_changes: " + std::to_string(sqlite3_total_changes(sh.db.sqlite())) + '\n';
     }
-    if (sh.timer) {
-        put_run_time(sh.out, std::chrono::steady_clock::now() - started, used);
-    }
+    if (sh.timer) put_run_time(sh.out, clock::now() - started, used);
     sh.out.flush();
     check_output(sh);
     if (sh.once) {
