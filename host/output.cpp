@@ -523,8 +523,13 @@ void result_printer::hold_grid_row() {
 bool result_printer::finish() {
     if (!open_) return false;
     open_ = false;
-    if (in_block_ && mode_->frame != nullptr) print_grid();
-    if (in_block_ && mode_->frame == nullptr) print_block();
+    if (in_block_) {
+        if (mode_->frame != nullptr) {
+            print_grid();
+        } else {
+            print_block();
+        }
+    }
     if (mode_->how == print_options::mode::json && rows_ > 0) out_.text() += "]\n";
     return true;
 }
@@ -578,7 +583,6 @@ void result_printer::put_table_line(const std::string* cells, const std::size_t*
 }
 
 void result_printer::print_grid() {
-    in_block_ = false;
     const std::size_t columns = names_.size();
     if (rows_ > 0) {
         const bool names = options_.headers || !mode_->frame->optional_names;

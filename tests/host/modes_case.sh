@@ -7,7 +7,7 @@ command -v sqlite3 >/dev/null || { echo "the sqlite3 shell is missing (Debian pa
 f() { cmp -s want out || { echo "$1:"; diff want out; fails=$((fails + 1)); }; }
 # Text with blanks, quotes, a comma, markup, a tab, UTF-8 and none at all; integers; NULL; names
 # that need quoting; a result without rows between two; a failing statement that ends the run.
-Q="SELECT 1 AS a, 'x y' AS \"b c\", NULL AS c UNION ALL SELECT -22, 'it''s \"q\", <&>é', 3;
+Q="SELECT 1 AS a, 'x y' AS \"b c\", NULL AS c UNION ALL SELECT -22, 'it''s \"q\", <&>Àé', 3;
   SELECT 5 AS z WHERE 0; SELECT '' AS e, 'tab	x' AS \"select\", 123456789012 AS n, NULL; SELECT nosuch()"
 # Each line: a mode, then a dot-command run after it; both run with headers on and off.
 while IFS='|' read -r mode more; do
@@ -37,6 +37,15 @@ tabs|
 ascii|
 tcl|.mode
 E
+# The first 1000 rows of a slow result leave at once, not when 64 KB are full: here the query
+# finds no row after them and runs until it is stopped.
+for mode in aligned list csv; do
+  "$host" "-$mode" :memory: "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c)
+    SELECT i FROM c WHERE i <= 1000 OR i < 0" >out 2>/dev/null & pid=$!
+  i=0; while [ $i -lt 100 ] && ! grep -q '1000' out; do sleep 0.1; i=$((i + 1)); done
+  grep -q '1000' out || { echo "$mode: no rows while the query runs"; fails=$((fails + 1)); }
+  kill $pid; wait $pid 2>/dev/null
+done
 # Insert mode writes what SQLite reads back as the same values, reals and blobs among them.
 sqlite3 r.db "CREATE TABLE t(v); CREATE TABLE u(v); INSERT INTO t VALUES (0.1), (0.30000000000000004),
   (1e300), (-2.5e-7), (1e999), (-1e999), (2.0), (1e20), ('it''s' || char(10) || 'x'), (X'00FF'), (NULL),
