@@ -9,12 +9,19 @@ f() { cmp -s want out || { echo "$1:"; diff want out; fails=$((fails + 1)); }; }
 # that need quoting; a result without rows between two; a failing statement that ends the run.
 Q="SELECT 1 AS a, 'x y' AS \"b c\", NULL AS c UNION ALL SELECT -22, 'it''s \"q\", <&>Àé', 3;
   SELECT 5 AS z WHERE 0; SELECT '' AS e, 'tab	x' AS \"select\", 123456789012 AS n, NULL; SELECT nosuch()"
-# Each line: a mode, then a dot-command run after it; both run with headers on and off.
-while IFS='|' read -r mode more; do
+# Line breaks, a control character and a backslash, in a name too; a REAL; a separator in text.
+Q2="SELECT 'a' || char(10) || 'b' || char(13) || char(1) || '\\' AS \"x
+y\", 1.5 AS r, 'p::q' AS s"
+# Each line: a mode, a dot-command run after it, the query (Q, or Q2 for the modes that keep
+# line breaks); each runs with headers on (in a UTF-8 locale) and off (in the C locale, where
+# kiv_host counts code points as the shell does).
+while IFS='|' read -r mode more q; do
+  eval "query=\$Q$q"
   for h in header noheader; do
     set -- -cmd ".mode $mode" "-$h"; [ -z "$more" ] || set -- "$@" -cmd "$more"
-    sqlite3 "$@" :memory: "$Q" >want 2>/dev/null; echo "status $?" >>want
-    "$host" "$@" :memory: "$Q" >out 2>/dev/null; echo "status $?" >>out
+    sqlite3 "$@" :memory: "$query" >want 2>/dev/null; echo "status $?" >>want
+    l=C.UTF-8; [ $h = header ] || l=C
+    LC_ALL=$l "$host" "$@" :memory: "$query" >out 2>/dev/null; echo "status $?" >>out
     f ".mode $mode, $more, -$h"
   done
 done <<'E'
@@ -36,6 +43,13 @@ html|
 tabs|
 ascii|
 tcl|.mode
+list||2
+csv|.separator ::|2
+quote||2
+tcl||2
+line||2
+json||2
+html||2
 E
 # The first 1000 rows of a slow result leave at once, not when 64 KB are full: here the query
 # finds no row after them and runs until it is stopped.
