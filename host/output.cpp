@@ -58,7 +58,7 @@ std::size_t escape_for_table(std::string& text) {
     bool ascii = true;
     for (const char ch : text) {
         plain = plain && !needs_escape(ch);
-        ascii = ascii && static_cast<unsigned char>(ch) < 0x80U;
+        ascii = ascii && (static_cast<unsigned char>(ch) & 0x80U) == 0;
     }
     if (plain) return ascii ? text.size() : display_width(text);
     static const char digits[] = "0123456789ABCDEF";
