@@ -122,7 +122,7 @@ bool set_mode(shell& sh, const words& args) {
         report_failure(sh, "unknown mode '" + args[1] + "' (" + mode_names() + ")");
         return false;
     }
-    if (args.size() > 2 && print.how == print_options::mode::insert) print.insert_table = args[2];
+    if (print.how == print_options::mode::insert) print.insert_table = args.size() > 2 ? args[2] : "table";
     return true;
 }
 

@@ -58,7 +58,7 @@ std::size_t escape_for_table(std::string& text) {
     bool ascii = true;
     for (const char ch : text) {
         plain = plain && !needs_escape(ch);
-        ascii = ascii && static_cast<unsigned char>(ch) < 0x80U;
+        ascii = ascii && (static_cast<unsigned char>(ch) & 0x80U) == 0;
     }
     if (plain) return ascii ? text.size() : display_width(text);
     static const char digits[] = "0123456789ABCDEF";
@@ -157,15 +157,26 @@ std::string blob_literal(const unsigned char* data, std::size_t size) {
 
 namespace {
 
+// One-character separators as a character: an append of a string costs a call, per field.
+void append_separator(std::string& line, const std::string& separator) {
+    if (separator.size() == 1) {
+        line += separator[0];
+    } else {
+        line += separator;
+    }
+}
+
 // A field of csv mode: quoted, its quotes doubled, when it is empty, holds the separator, a
 // blank, a control character, a quote or a byte outside ASCII (as the sqlite3 shell does).
 void append_csv_field(std::string& line, const std::string& value, const std::string& separator) {
-    const auto special = [](char ch) {
-        const auto c = static_cast<unsigned char>(ch);
-        return c <= 0x20U || c >= 0x7FU || c == '"' || c == '\'';
-    };
-    if (!value.empty() && std::none_of(value.begin(), value.end(), special) &&
-        (separator.empty() || value.find(separator) == std::string::npos)) {
+    const char first = separator.empty() ? '\0' : separator[0];
+    bool quote = value.empty();
+    for (std::size_t i = 0; i < value.size() && !quote; ++i) {
+        const auto c = static_cast<unsigned char>(value[i]);
+        quote = c <= 0x20U || c >= 0x7FU || c == '"' || c == '\'' ||
+                (value[i] == first && value.compare(i, separator.size(), separator) == 0);
+    }
+    if (!quote) {
         line += value;
         return;
     }
@@ -512,8 +523,13 @@ void result_printer::hold_grid_row() {
 bool result_printer::finish() {
     if (!open_) return false;
     open_ = false;
-    if (in_block_ && mode_->frame != nullptr) print_grid();
-    if (in_block_ && mode_->frame == nullptr) print_block();
+    if (in_block_) {
+        if (mode_->frame != nullptr) {
+            print_grid();
+        } else {
+            print_block();
+        }
+    }
     if (mode_->how == print_options::mode::json && rows_ > 0) out_.text() += "]\n";
     return true;
 }
@@ -567,7 +583,6 @@ void result_printer::put_table_line(const std::string* cells, const std::size_t*
 }
 
 void result_printer::print_grid() {
-    in_block_ = false;
     const std::size_t columns = names_.size();
     if (rows_ > 0) {
         const bool names = options_.headers || !mode_->frame->optional_names;
@@ -613,10 +628,10 @@ void result_printer::put_grid_line(const std::string* cells, bool names) {
 void result_printer::put_joined(const std::string* cells, void (*append)(std::string&, const std::string&)) {
     std::string& line = out_.text();
     for (std::size_t c = 0; c < names_.size(); ++c) {
-        if (c > 0) line += options_.separator;
+        if (c > 0) append_separator(line, options_.separator);
         append(line, cells[c]);
     }
-    line += options_.row_separator;
+    append_separator(line, options_.row_separator);
 }
 
 void result_printer::put_list_names() { put_joined(names_.data(), append_plain); }
@@ -632,23 +647,25 @@ void result_printer::put_tcl_row() { put_joined(values_.data(), append_c_string)
 void result_printer::put_csv_names() {
     std::string& line = out_.text();
     for (std::size_t c = 0; c < names_.size(); ++c) {
-        if (c > 0) line += options_.separator;
+        if (c > 0) append_separator(line, options_.separator);
         append_csv_field(line, names_[c], options_.separator);
     }
-    line += options_.row_separator;
+    append_separator(line, options_.row_separator);
 }
 
 void result_printer::put_csv_row() {
     std::string& line = out_.text();
+    const bool comma = options_.separator.size() == 1 && options_.separator[0] == ',';
     for (std::size_t c = 0; c < names_.size(); ++c) {
-        if (c > 0) line += options_.separator;
-        if (kinds_[c] == kind::null) {
+        if (c > 0) append_separator(line, options_.separator);
+        // NULL is never quoted; a number only when it holds the separator (not a comma).
+        if (kinds_[c] == kind::null || (kinds_[c] == kind::number && comma)) {
             line += values_[c];
         } else {
             append_csv_field(line, values_[c], options_.separator);
         }
     }
-    line += options_.row_separator;
+    append_separator(line, options_.row_separator);
 }
 
 void result_printer::put_html_names() {
