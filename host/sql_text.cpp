@@ -58,9 +58,6 @@ bool statement_splitter::next(std::string& statement) {
     const char* const text = pending_.data();
     while (pos_ < n) {
         const char c = text[pos_];
-        // A two-character token may be cut at the end of a piece: wait for the next one.
-        const bool may_pair = state_ == state::code ? c == '-' || c == '/' : state_ == state::block_comment && c == '*';
-        if (may_pair && pos_ + 1 == n) return false;
         switch (state_) {
             case state::code:
                 if (c == '\'') state_ = state::single_quote;
@@ -87,7 +84,6 @@ bool statement_splitter::next(std::string& statement) {
                 break;
             case state::block_comment:
                 if (c == '*' && text[pos_ + 1] == '/') enter(state::code);
-                break;
         }
         ++pos_;
         if (c != ';' || state_ != state::code || !at_statement_end(pos_ - 1)) continue;
