@@ -91,8 +91,7 @@ bool query_names(shell& sh, const char* sql, const std::string& parameter, Each 
     kiv_sqlite_finalize(db);
     if (rc == SQLITE_DONE) return true;
     report_error(sh.out, sh.path, 0, error);
-    ++sh.errors;
-    return false;
+    return false;  // counted by run_dot_command
 }
 
 bool list_tables(shell& sh, const words& args) {
@@ -350,23 +349,22 @@ constexpr command commands[] = {
 
 }  // namespace
 
-bool run_dot_command(shell& sh, const std::string& line) {
+void run_dot_command(shell& sh, const std::string& line) {
     const words args = split_words(line);
     const std::size_t errors = sh.errors;
     for (const command& c : commands) {
         if (args[0] != c.name) continue;
         if (args.size() < c.min_args + 1 || args.size() > c.max_args + 1) {
             report_failure(sh, std::string("usage: ") + c.name + (*c.usage != '\0' ? " " : "") + c.usage);
-            return false;
+            return;
         }
         // A command that fails counts as an error even if it had nothing to say.
         if (!c.run(sh, args) && sh.errors == errors) ++sh.errors;
         sh.out.flush();
         check_output(sh);
-        return sh.errors == errors;
+        return;
     }
     report_failure(sh, "unknown command '" + args[0] + "' (.help lists the commands)");
-    return false;
 }
 
 }  // namespace kiv_host

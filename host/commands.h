@@ -9,8 +9,8 @@ namespace kiv_host {
 struct shell;
 
 // Runs one dot-command line; an unknown command or wrong arguments are errors (reported,
-// counted), never SQL. false on an error.
-bool run_dot_command(shell& sh, const std::string& line);
+// counted), never SQL.
+void run_dot_command(shell& sh, const std::string& line);
 
 // The commands and what they do, as .help prints them.
 extern const char* const dot_command_help;

@@ -119,8 +119,15 @@ bool dump_table(shell& sh, const schema_entry& table) {
     } else if (table.name.compare(0, 7, "sqlite_") == 0) {
         return true;
     } else if (table.sql.compare(0, 20, "CREATE VIRTUAL TABLE") == 0) {
-        // Its rows live in tables of its module's own, dumped with the others.
-        text += "-- virtual table " + table.name + " left out\n";
+        // Its rows live in its module's own tables, dumped as plain tables; running its CREATE
+        // would make those a second time, so the schema row goes in as it stands.
+        std::string row;
+        append_text_literal(table.name, row);
+        text +=
+            "PRAGMA writable_schema=ON;\nINSERT INTO sqlite_schema(type,name,tbl_name,rootpage,sql)VALUES('table'," +
+            row + ',' + row + ",0,";
+        append_text_literal(table.sql, text);
+        text += ");\nPRAGMA writable_schema=OFF;\n";
         return true;
     } else {
         text += table.sql + ";\n";

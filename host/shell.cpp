@@ -176,14 +176,15 @@ bool run_sql(shell& sh, const std::string& statement) {
     return ok;
 }
 
-bool run_argument(shell& sh, const std::string& text) {
-    const std::size_t errors = sh.errors;
-    if (is_dot_command(text.data(), text.size())) return run_dot_command(sh, text);
+void run_argument(shell& sh, const std::string& text) {
+    if (is_dot_command(text.data(), text.size())) {
+        run_dot_command(sh, text);
+        return;
+    }
     for (const auto& statement : split_statements(text)) {
         if (stopped(sh)) break;
         run_sql(sh, statement);
     }
-    return sh.errors == errors;
 }
 
 void run_stream(shell& sh, std::FILE* in, const std::string& name) {

@@ -54,8 +54,8 @@ void check_output(shell& sh);
 bool run_sql(shell& sh, const std::string& statement);
 
 // Runs one argument: a dot-command when it begins with '.', else SQL text of any number of
-// statements. false on an error.
-bool run_argument(shell& sh, const std::string& text);
+// statements.
+void run_argument(shell& sh, const std::string& text);
 
 // Runs the lines of `in` until its end or stopped(); what is left unfinished at the end runs
 // as one last statement (SQLite then reports it as incomplete). `name` is the input's name in
