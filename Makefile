@@ -40,7 +40,7 @@ build: $(BUILD)/cmake_install.cmake
 run: $(BUILD)/cmake_install.cmake
 	@sh scripts/install-deps.sh $(DEPS)
 	@cmake --build $(BUILD) -j $(JOBS) --target kiv_host
-	@./$(BUILD)/kiv_host
+	@./$(BUILD)/kiv_host --demo
 
 # The suite, the valgrind run, the API reference, the lint checks, the thread and address
 # sanitizer builds of the suite, then a minute of fuzzing (FUZZ_SECONDS= on the command line to

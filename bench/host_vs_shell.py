@@ -10,16 +10,21 @@ workload interleaved and their order rotated each round:
           program on a new database file.
   import  `.import --csv` of a 1,000,000-row CSV file (a quoted field with a comma in every
           row) into a new table of a new database file.
+  instructions  callgrind on `SELECT * FROM b LIMIT 200000`: instructions per row of the
+          shell, of kiv_host (aligned and --csv), and of kiv_host's own work (its total less
+          the library's calls, which include SQLite's), beside the ratio of the totals. Counts do not depend on the
+          load of the machine.
 Prints per program the wall and CPU time, the ratios of wall and CPU time to the shell's in the
 same round (min/median/max over the rounds) and the peak resident memory; for insert and import
 also the peak memory with an input a tenth as long, which shows whether memory grows with it.
 
   python3 bench/host_vs_shell.py [--host build/kiv_host] [--dir build/host-bench]
-                                 [--rounds 7] [--workloads select,insert,import]
-Needs the sqlite3 shell and /usr/bin/time (Debian packages sqlite3 and time).
+                                 [--rounds 7] [--workloads select,insert,import,instructions]
+Needs the sqlite3 shell, /usr/bin/time and valgrind (Debian packages sqlite3, time, valgrind).
 """
 import argparse
 import os
+import re
 import shutil
 import statistics
 import subprocess
@@ -29,6 +34,10 @@ import time
 ROWS = 2_000_000
 LINES = 1_000_000
 QUERY = "SELECT * FROM b"
+COUNTED_ROWS = 200_000
+# An exported function of the library in callgrind_annotate's inclusive listing.
+LIBRARY_CALL = re.compile(r"^\s*([\d,]+) \([^)]*\)\s+\S*:kiv_sqlite_\w+.*\[.*libkiv_database[^]]*\]$")
+TOTAL = re.compile(r"^\s*([\d,]+) \([^)]*\)\s+PROGRAM TOTALS")
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 
@@ -86,13 +95,45 @@ def head3(command):
     return time.perf_counter() - start
 
 
+def callgrind(command, out_file):
+    """(total instructions, instructions inside the library's exported calls) of one run."""
+    subprocess.run(["valgrind", "--tool=callgrind", "--callgrind-out-file=" + out_file] + command, check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    listing = subprocess.run(["callgrind_annotate", "--inclusive=yes", "--threshold=100", out_file],
+                             check=True, capture_output=True, text=True).stdout
+    total = library = 0
+    for line in listing.splitlines():
+        for pattern, add in ((TOTAL, "total"), (LIBRARY_CALL, "library")):
+            match = pattern.match(line)
+            if match and add == "total":
+                total = int(match.group(1).replace(",", ""))
+            elif match:
+                library += int(match.group(1).replace(",", ""))
+    return total, library
+
+
+def instructions(args):
+    """Instructions per row of the shell and kiv_host on the same SELECT, and kiv_host's own."""
+    db = os.path.join(args.dir, "big.db")
+    query = "%s LIMIT %d" % (QUERY, COUNTED_ROWS)
+    shell, _ = callgrind(["sqlite3", db, query], os.path.join(args.dir, "callgrind.shell"))
+    per_row = lambda n: n / COUNTED_ROWS
+    print("\ninstructions per row (callgrind, %d rows of SELECT * FROM b)" % COUNTED_ROWS)
+    print("%-15s %7s %7s %9s %6s" % ("program", "total", "own", "library", "ratio"))
+    print("%-15s %7.0f" % ("sqlite3 (list)", per_row(shell)))
+    for name, mode in (("kiv_host", "--aligned"), ("kiv_host --csv", "--csv")):
+        host, library = callgrind([args.host, mode, "--no-create", db, query], os.path.join(args.dir, "callgrind.host"))
+        print("%-15s %7.0f %7.0f %9.0f %6.2f" % (name, per_row(host), per_row(host - library), per_row(library),
+                                              host / shell))
+
+
 def workloads(args):
     """Per workload: {program: (command, stdin, fresh database, the same for a tenth)}."""
     d, host = args.dir, args.host
     db, new = os.path.join(d, "big.db"), os.path.join(d, "new.db")
     script, small_script = os.path.join(d, "insert.sql"), os.path.join(d, "insert-small.sql")
     csv, small_csv = os.path.join(d, "rows.csv"), os.path.join(d, "rows-small.csv")
-    if "select" in args.workloads and not os.path.exists(db):
+    if ("select" in args.workloads or "instructions" in args.workloads) and not os.path.exists(db):
         print("creating %s (%d rows) ..." % (db, ROWS), flush=True)
         make_database(db)
     for path, make, lines in ((script, make_script, LINES), (small_script, make_script, LINES // 10),
@@ -109,7 +150,7 @@ def workloads(args):
         "import": {"sqlite3": (["sqlite3", new, imp(csv)], None, new, imp(small_csv)),
                    "kiv_host": ([host, new, imp(csv)], None, new, imp(small_csv))},
     }
-    return {name: all_loads[name] for name in args.workloads}
+    return {name: all_loads[name] for name in args.workloads if name in all_loads}
 
 
 def small_rss(program, rss_file):
@@ -147,7 +188,8 @@ def main():
     parser.add_argument("--host", default=os.path.join(ROOT, "build", "kiv_host"))
     parser.add_argument("--dir", default=os.path.join(ROOT, "build", "host-bench"))
     parser.add_argument("--rounds", type=int, default=7)
-    parser.add_argument("--workloads", type=lambda s: s.split(","), default=["select", "insert", "import"])
+    parser.add_argument("--workloads", type=lambda s: s.split(","),
+                        default=["select", "insert", "import", "instructions"])
     args = parser.parse_args()
     if shutil.which("sqlite3") is None or not os.access("/usr/bin/time", os.X_OK):
         sys.exit("needs the sqlite3 shell and /usr/bin/time: apt-get install -y sqlite3 time")
@@ -172,6 +214,8 @@ def main():
             print("%s round %d: %s" % (name, r + 1, ", ".join("%s %.2f s" % (p, cpu[p][-1]) for p in names)),
                   flush=True)
         report(name, programs, times, cpu, rss, rss_file)
+    if "instructions" in args.workloads:
+        instructions(args)
 
 
 if __name__ == "__main__":

@@ -11,7 +11,6 @@ namespace kiv_host {
 
 namespace {
 
-const char* const demo_path = "kiv_demo.db";
 constexpr long long demo_rows = 100000;
 constexpr int sensors = 16;
 
@@ -70,20 +69,20 @@ insert_outcome insert_rows(const kiv_sqlite_handle& db) {
     return out;
 }
 
-bool print_query(output& out, const kiv_sqlite_handle& db, const std::string& sql) {
+bool print_query(output& out, const kiv_sqlite_handle& db, const std::string& sql, const std::string& path) {
     result_printer printer(out, result_printer::format::table);
     sql_error error;
     out.text() += '\n';
     const bool ok = run_statement(db, sql, printer, error);
     printer.finish();
-    if (!ok) report_error(out, demo_path, 0, error);
+    if (!ok) report_error(out, path, 0, error);
     return ok;
 }
 
-int demo_on(output& out, connection& db) {
+int demo_on(output& out, connection& db, const std::string& path) {
     sql_error error;
     if (!db.open(true, error)) {
-        report_error(out, demo_path, 0, error);
+        report_error(out, path, 0, error);
         return 1;
     }
     // A file that is not a database opens fine; this first statement is where SQLite notices.
@@ -91,7 +90,7 @@ int demo_on(output& out, connection& db) {
                   "CREATE TABLE IF NOT EXISTS readings("
                   "id INTEGER PRIMARY KEY, sensor TEXT NOT NULL, value REAL NOT NULL, payload BLOB)",
                   error)) {
-        report_error(out, demo_path, 0, error);
+        report_error(out, path, 0, error);
         return 1;
     }
 
@@ -99,7 +98,7 @@ int demo_on(output& out, connection& db) {
     const insert_outcome inserted =
         run_on_database_worker<insert_outcome>([handle] { return insert_rows(handle); }, __FILE__, __LINE__);
     if (!inserted.ok) {
-        report_error(out, demo_path, 0, inserted.error);
+        report_error(out, path, 0, inserted.error);
         return 1;
     }
 
@@ -119,9 +118,11 @@ int demo_on(output& out, connection& db) {
                      "SELECT count(*) AS rows, count(DISTINCT sensor) AS sensors, "
                      "min(value) AS min_value, max(value) AS max_value, "
                      "round(avg(value), 3) AS avg_value, count(payload) AS payloads "
-                     "FROM readings"))
+                     "FROM readings",
+                     path))
         return 1;
-    if (!print_query(out, db.handle(), "SELECT id, sensor, value, payload FROM readings ORDER BY id LIMIT 6")) return 1;
+    if (!print_query(out, db.handle(), "SELECT id, sensor, value, payload FROM readings ORDER BY id LIMIT 6", path))
+        return 1;
     out.text() += '\n';
     out.flush();
     return 0;
@@ -129,13 +130,13 @@ int demo_on(output& out, connection& db) {
 
 }  // namespace
 
-int run_demo(output& out) {
+int run_demo(output& out, const std::string& path) {
     out.text() += "kiv_host demo on ";
-    out.text() += demo_path;
+    out.text() += path;
     out.text() += '\n';
     out.flush();
-    connection db(demo_path, "demo");
-    return demo_on(out, db);
+    connection db(path, "demo");
+    return demo_on(out, db, path);
 }
 
 }  // namespace kiv_host

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <string>
+
 namespace kiv_host {
 
 class output;
 
-// The demo on kiv_demo.db in the current directory; returns the exit status.
-int run_demo(output& out);
+// The demo on the database file `path`; returns the exit status.
+int run_demo(output& out, const std::string& path);
 
 }  // namespace kiv_host

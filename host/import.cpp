@@ -10,72 +10,12 @@
 #include <vector>
 
 #include "commands.h"
+#include "csv.h"
 #include "shell.h"
 
 namespace kiv_host {
 
 namespace {
-
-// Reads RFC 4180 records: fields separated by commas, records by LF or CRLF; a field in double
-// quotes may hold commas, quotes (doubled) and line ends.
-class csv_reader {
-public:
-    explicit csv_reader(std::FILE* file) : file_(file) {}
-    // The next record into the first `count` entries of `fields`; false at the end of the file.
-    bool next(std::vector<std::string>& fields, std::size_t& count);
-    // The line on which the last record began.
-    std::size_t line() const { return record_line_; }
-
-private:
-    int get() {
-        const int c = getc_unlocked(file_);
-        if (c == '\n') ++line_;
-        return c;
-    }
-    int read_quoted(std::string& field);
-
-    std::FILE* const file_;
-    std::size_t line_ = 1;
-    std::size_t record_line_ = 1;
-};
-
-// After the opening quote; returns the character after the field.
-int csv_reader::read_quoted(std::string& field) {
-    int c = get();
-    while (c != EOF) {
-        if (c == '"' && (c = get()) != '"') break;
-        field += static_cast<char>(c);
-        c = get();
-    }
-    while (c != ',' && c != '\n' && c != EOF) {  // text after the closing quote is kept
-        if (c != '\r') field += static_cast<char>(c);
-        c = get();
-    }
-    return c;
-}
-
-bool csv_reader::next(std::vector<std::string>& fields, std::size_t& count) {
-    record_line_ = line_;
-    int c = get();
-    if (c == EOF) return false;
-    count = 0;
-    for (;;) {
-        if (count == fields.size()) fields.emplace_back();
-        std::string& field = fields[count++];
-        field.clear();
-        if (c == '"') {
-            c = read_quoted(field);
-        } else {
-            while (c != ',' && c != '\n' && c != EOF) {
-                field += static_cast<char>(c);
-                c = get();
-            }
-            if (c != ',' && !field.empty() && field.back() == '\r') field.pop_back();
-        }
-        if (c != ',') return true;
-        c = get();
-    }
-}
 
 std::string quote_name(const std::string& name) {
     std::string quoted = "\"";
@@ -107,6 +47,13 @@ struct import_job {
         report_failure(sh, file + ": SQLite error " + std::to_string(error.code) + ": " + error.message);
         return false;
     }
+    // The file must not end inside a quoted field: its last record would be cut short.
+    bool check_end() {
+        if (reader.unterminated() == 0) return true;
+        report_failure(sh, file + ":" + std::to_string(reader.unterminated()) +
+                               ": the file ends inside the quoted field opened here; nothing imported");
+        return false;
+    }
     int table_columns(const std::string& table);
     bool create_table(const std::string& table);
     bool insert_rows(const std::string& table, std::size_t columns);
@@ -129,6 +76,7 @@ int import_job::table_columns(const std::string& table) {
 // A table of TEXT columns named by the header line.
 bool import_job::create_table(const std::string& table) {
     if (!reader.next(fields, count)) {
+        if (!check_end()) return false;
         report_failure(sh, file + ": empty file: no header line to create " + table + " from");
         return false;
     }
@@ -164,7 +112,7 @@ bool import_job::insert_rows(const std::string& table, std::size_t columns) {
         kiv_sqlite_reset(db);
     }
     kiv_sqlite_finalize(db);
-    return true;
+    return check_end();
 }
 
 }  // namespace
@@ -176,14 +124,14 @@ bool import_csv(shell& sh, const std::string& file, const std::string& table) {
         return false;
     }
     import_job job{sh, file, csv_reader(in.get()), {}, 0};
-    // One transaction for all rows, unless the user has one open already.
-    const bool own_transaction = sqlite3_get_autocommit(sh.db.sqlite()) != 0;
-    if (own_transaction && !job.exec("BEGIN")) return false;
+    // One transaction for all rows (a savepoint nests in one the user has open): a failed
+    // import leaves nothing behind, not even the table it created.
+    if (!job.exec("SAVEPOINT kiv_host_import")) return false;
     int columns = job.table_columns(table);
     if (columns == 0 && job.create_table(table)) columns = static_cast<int>(job.count);
     const bool ok = columns > 0 && job.insert_rows(table, static_cast<std::size_t>(columns));
-    if (own_transaction) job.exec(ok ? "COMMIT" : "ROLLBACK");
-    return ok;
+    if (!ok) job.exec("ROLLBACK TO kiv_host_import");
+    return job.exec("RELEASE kiv_host_import") && ok;
 }
 
 }  // namespace kiv_host

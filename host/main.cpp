@@ -1,9 +1,10 @@
 // kiv_host: a host program of the framework that loads libkiv_database.
 //
-//   kiv_host                              demo on ./kiv_demo.db
+//   kiv_host [options]                    a session on a private in-memory database
 //   kiv_host [options] PATH [SQL|.CMD]... run SQL texts and dot-commands on PATH
 //   kiv_host [options] PATH               a session on standard input (a terminal or a stream)
 //   kiv_host [options] PATH -             SQL read from standard input, stopping at an error
+//   kiv_host --demo [PATH]                the demo, on ./kiv_demo.db by default
 
 #include <pthread.h>
 #include <sqlite3.h>
@@ -17,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -45,9 +47,9 @@ bool check_path(const kiv_host::options& opts) {
         }
         return true;
     }
-    if (!opts.create) {
+    if (!opts.open.create) {
         std::cerr << "kiv_host: " << opts.path << ": file does not exist ("
-                  << (opts.readonly ? "-readonly" : "--no-create") << ")" << std::endl;
+                  << (opts.open.readonly ? "-readonly" : "--no-create") << ")" << std::endl;
         return false;
     }
     const std::string::size_type slash = opts.path.find_last_of('/');
@@ -59,25 +61,11 @@ bool check_path(const kiv_host::options& opts) {
     return true;
 }
 
-// Opens PATH with the busy timeout in force before anything touches the file, then reads the
-// schema once, so that a file that is not a database is reported before any statement runs,
-// even one like "SELECT 1" that never reads the file. A locked schema is left to the first
-// statement, which waits and reports with its number.
 bool open_database(const kiv_host::options& opts, kiv_host::connection& db, kiv_host::output& out) {
     kiv_host::sql_error error;
-    if (!db.open(opts.create, error)) {
-        kiv_host::report_error(out, opts.path, 0, error);
-        return false;
-    }
-    sqlite3_busy_timeout(db.sqlite(), opts.timeout_ms);
-    if ((opts.readonly && !kiv_host::exec_sql(db.handle(), "PRAGMA query_only = 1", error)) ||
-        (!kiv_host::exec_sql(db.handle(), "SELECT count(*) FROM sqlite_master", error) && error.code != SQLITE_BUSY &&
-         error.code != SQLITE_LOCKED)) {
-        error.statement.clear();
-        kiv_host::report_error(out, opts.path, 0, error);
-        return false;
-    }
-    return true;
+    if (kiv_host::open_connection(db, opts.open, error)) return true;
+    kiv_host::report_error(out, opts.path, 0, error);
+    return false;
 }
 
 int run_database(const kiv_host::options& opts, kiv_host::output& out) {
@@ -85,6 +73,7 @@ int run_database(const kiv_host::options& opts, kiv_host::output& out) {
     if (!open_database(opts, db, out)) return exit_database_error;
     kiv_host::shell sh(db, out, opts.path);
     sh.printer.options() = opts.print;
+    sh.settings = opts.open;
     const bool session = opts.sql.empty();
     const bool terminal = session && ::isatty(STDIN_FILENO) != 0;
     sh.bail = opts.bail || !session;
@@ -94,27 +83,65 @@ int run_database(const kiv_host::options& opts, kiv_host::output& out) {
     if (terminal) {
         kiv_host::run_terminal(sh);
     } else if (session || opts.sql[0] == "-") {
-        kiv_host::run_stream(sh, stdin);
+        kiv_host::run_stream(sh, stdin, "standard input");
     } else {
         for (const auto& text : opts.sql) {
             if (!kiv_host::stopped(sh)) kiv_host::run_argument(sh, text);
         }
     }
     out.flush();
+    kiv_host::check_output(sh);
     return sh.errors > 0 && !terminal ? exit_database_error : exit_ok;
 }
 
-// Points std::cout, where the library writes its console lines, at standard error for the
-// whole run: standard output carries only what the user asked for, written through stdout.
-class console_to_stderr {
+// Takes the library's console lines (written to std::cout, from any thread, one whole line per
+// flush) to standard error. Its warnings and errors always pass; the service's own lines of the
+// shutdown handshake are a problem to nobody, so they pass only when asked for (-v, the demo).
+class console_filter : public std::streambuf {
 public:
-    console_to_stderr() : saved_(std::cout.rdbuf(std::cerr.rdbuf())) {}
-    ~console_to_stderr() { std::cout.rdbuf(saved_); }
-    console_to_stderr(const console_to_stderr&) = delete;
-    console_to_stderr& operator=(const console_to_stderr&) = delete;
+    explicit console_filter(bool service_lines) : service_lines_(service_lines), saved_(std::cout.rdbuf(this)) {}
+    ~console_filter() override {
+        std::cout.rdbuf(saved_);
+        if (!line_.empty()) pass(line_ + '\n');
+    }
+    console_filter(const console_filter&) = delete;
+    console_filter& operator=(const console_filter&) = delete;
+
+protected:
+    int overflow(int c) override {
+        if (c == traits_type::eof()) return 0;
+        const char ch = static_cast<char>(c);
+        xsputn(&ch, 1);
+        return c;
+    }
+    std::streamsize xsputn(const char* text, std::streamsize size) override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (std::streamsize i = 0; i < size; ++i) {
+            line_ += text[i];
+            if (text[i] != '\n') continue;
+            if (service_lines_ || !is_service_line(line_)) pass(line_);
+            line_.clear();
+        }
+        return size;
+    }
 
 private:
+    static bool is_service_line(const std::string& line) {
+        static const char* const lines[] = {"DATABASE SERVICE SHOT DONW REQUEST\n", "DATABASE THREAD SERVICE STOPPED\n",
+                                            "DATABASE SERVICE DONE\n"};
+        for (const char* text : lines)
+            if (line == text) return true;
+        return line.rfind("left objects in database reference count: ", 0) == 0;
+    }
+    static void pass(const std::string& line) {
+        std::fwrite(line.data(), 1, line.size(), stderr);
+        std::fflush(stderr);
+    }
+
+    const bool service_lines_;
     std::streambuf* const saved_;
+    std::mutex mutex_;
+    std::string line_;
 };
 
 // Starts the database service with SIGINT blocked, so that its worker inherits the block and
@@ -134,7 +161,7 @@ int run(const kiv_host::options& opts) {
     int status = exit_ok;
     try {
         // Every connection object lives inside these calls and is destroyed on the way out.
-        status = opts.demo ? kiv_host::run_demo(out) : run_database(opts, out);
+        status = opts.demo ? kiv_host::run_demo(out, opts.path) : run_database(opts, out);
     } catch (const std::exception& e) {
         out.flush();
         std::cerr << "kiv_host: " << e.what() << std::endl;
@@ -167,7 +194,7 @@ int main(int argc, char** argv) {
         std::fputs(text.c_str(), stdout);
         return std::fflush(stdout) == 0 ? exit_ok : exit_database_error;
     }
-    if (!opts.demo && !check_path(opts)) return exit_database_error;
+    if (!check_path(opts)) return exit_database_error;
     // Display widths follow the user's locale; nothing else here depends on it.
     std::setlocale(LC_CTYPE, "");
     // Each connection here is used by one thread at a time, which is also the library's rule, so
@@ -176,6 +203,7 @@ int main(int argc, char** argv) {
     sqlite3_config(SQLITE_CONFIG_MULTITHREAD);
     // A reader that goes away shows up as EPIPE on the next write, which ends the run quietly.
     std::signal(SIGPIPE, SIG_IGN);
-    const console_to_stderr console;
+    // The demo shows the library at work, its console lines included.
+    const console_filter console(opts.verbose || opts.demo);
     return run(opts);
 }

@@ -3,6 +3,9 @@
 #include <langinfo.h>
 #include <unistd.h>
 
+#include <sqlite3.h>
+
+#include <cctype>
 #include <cwchar>
 
 #include <algorithm>
@@ -12,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+
+#include "literal.h"
 
 namespace kiv_host {
 
@@ -53,7 +58,7 @@ std::size_t escape_for_table(std::string& text) {
     bool ascii = true;
     for (const char ch : text) {
         plain = plain && !needs_escape(ch);
-        ascii = ascii && static_cast<unsigned char>(ch) < 0x80U;
+        ascii = ascii && (static_cast<unsigned char>(ch) & 0x80U) == 0;
     }
     if (plain) return ascii ? text.size() : display_width(text);
     static const char digits[] = "0123456789ABCDEF";
@@ -94,20 +99,6 @@ void format_real(double value, std::string& out) {
     out.assign(text, exponent);
     if (std::find(text, exponent, '.') == exponent) out += ".0";
     out.append(exponent, end);
-}
-
-void append_csv_field(std::string& line, const std::string& value) {
-    const auto special = [](char c) { return c == ',' || c == '"' || c == '\r' || c == '\n'; };
-    if (std::none_of(value.begin(), value.end(), special)) {
-        line += value;
-        return;
-    }
-    line += '"';
-    for (const char ch : value) {
-        if (ch == '"') line += '"';
-        line += ch;
-    }
-    line += '"';
 }
 
 }  // namespace
@@ -164,16 +155,233 @@ std::string blob_literal(const unsigned char* data, std::size_t size) {
     return out;
 }
 
+namespace {
+
+// One-character separators as a character: an append of a string costs a call, per field.
+void append_separator(std::string& line, const std::string& separator) {
+    if (separator.size() == 1) {
+        line += separator[0];
+    } else {
+        line += separator;
+    }
+}
+
+// A field of csv mode: quoted, its quotes doubled, when it is empty, holds the separator, a
+// blank, a control character, a quote or a byte outside ASCII (as the sqlite3 shell does).
+void append_csv_field(std::string& line, const std::string& value, const std::string& separator) {
+    const char first = separator.empty() ? '\0' : separator[0];
+    bool quote = value.empty();
+    for (std::size_t i = 0; i < value.size() && !quote; ++i) {
+        const auto c = static_cast<unsigned char>(value[i]);
+        quote = c <= 0x20U || c >= 0x7FU || c == '"' || c == '\'' ||
+                (value[i] == first && value.compare(i, separator.size(), separator) == 0);
+    }
+    if (!quote) {
+        line += value;
+        return;
+    }
+    line += '"';
+    for (const char ch : value) {
+        if (ch == '"') line += '"';
+        line += ch;
+    }
+    line += '"';
+}
+
+void append_json_string(std::string& out, const std::string& value) {
+    static const char digits[] = "0123456789abcdef";
+    out += '"';
+    for (const char ch : value) {
+        const auto c = static_cast<unsigned char>(ch);
+        const char* const named = c == '\b'   ? "\\b"
+                                  : c == '\f' ? "\\f"
+                                  : c == '\n' ? "\\n"
+                                  : c == '\r' ? "\\r"
+                                  : c == '\t' ? "\\t"
+                                              : nullptr;
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += ch;
+        } else if (named != nullptr) {
+            out += named;
+        } else if (c < 0x20U) {
+            out += "\\u00";
+            out += digits[c >> 4];
+            out += digits[c & 0x0FU];
+        } else {
+            out += ch;
+        }
+    }
+    out += '"';
+}
+
+// A C string in double quotes: quotes and backslashes escaped, \t \n \r, and every other byte
+// that is not printable ASCII in octal.
+void append_c_string(std::string& out, const std::string& value) {
+    out += '"';
+    for (const char ch : value) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += ch;
+        } else if (c == '\t' || c == '\n' || c == '\r') {
+            out += '\\';
+            out += c == '\t' ? 't' : c == '\n' ? 'n' : 'r';
+        } else if (c < 0x20U || c >= 0x7FU) {
+            out += '\\';
+            out += static_cast<char>('0' + (c >> 6));
+            out += static_cast<char>('0' + ((c >> 3) & 7U));
+            out += static_cast<char>('0' + (c & 7U));
+        } else {
+            out += ch;
+        }
+    }
+    out += '"';
+}
+
+void append_html(std::string& out, const std::string& value) {
+    for (const char ch : value) {
+        switch (ch) {
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '&':
+                out += "&amp;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&#39;";
+                break;
+            default:
+                out += ch;
+        }
+    }
+}
+
+void append_plain(std::string& out, const std::string& value) { out += value; }
+
+void append_text_quoted(std::string& out, const std::string& value) { append_text_literal(value, out); }
+
+// A name as SQL: as it is when it is a plain identifier and no keyword, else in double quotes.
+void append_identifier(std::string& out, const std::string& name) {
+    const auto word = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; };
+    const bool plain = !name.empty() && std::isdigit(static_cast<unsigned char>(name[0])) == 0 &&
+                       std::all_of(name.begin(), name.end(), word) &&
+                       sqlite3_keyword_check(name.data(), static_cast<int>(name.size())) == 0;
+    if (plain) {
+        out += name;
+        return;
+    }
+    out += '"';
+    for (const char ch : name) {
+        if (ch == '"') out += '"';
+        out += ch;
+    }
+    out += '"';
+}
+
+// The lines around and between the cells of a grid mode.
+struct grid_frame {
+    const char* left;
+    const char* middle;
+    const char* right;
+    const char* rules[3][4];  // top, under the names, bottom: left, fill, cross, right (or none)
+    std::size_t rule_pad;     // a rule spans a column's width and the blanks around its cells
+    bool centre_names;
+    bool optional_names;  // headers off drops the names
+};
+
+constexpr grid_frame column_frame{"", "  ", "", {{}, {"", "-", "  ", ""}, {}}, 0, false, true};
+constexpr grid_frame box_frame{"\u2502 ",
+                               " \u2502 ",
+                               " \u2502",
+                               {{"\u250C", "\u2500", "\u252C", "\u2510"},
+                                {"\u251C", "\u2500", "\u253C", "\u2524"},
+                                {"\u2514", "\u2500", "\u2534", "\u2518"}},
+                               2,
+                               true,
+                               false};
+constexpr grid_frame markdown_frame{"| ", " | ", " |", {{}, {"|", "-", "|", "|"}, {}}, 2, true, false};
+constexpr grid_frame table_frame{"| ", " | ", " |", {{"+", "-", "+", "+"}, {"+", "-", "+", "+"}, {"+", "-", "+", "+"}},
+                                 2,    true,  false};
+
+}  // namespace
+
+// One output mode: how it reads values and what prints its names and rows.
+struct mode_entry {
+    const char* name;
+    print_options::mode how;
+    const char* separator;  // set with the mode (nullptr: left as it is)
+    const char* row_separator;
+    result_printer::style values;
+    void (result_printer::*names)();  // before the first row when headers are on, or nullptr
+    void (result_printer::*row)();    // each row, or nullptr: rows are held until the end
+    const grid_frame* frame;          // the grid modes
+};
+
+// Every mode in one place. A friend of result_printer, to name its private printing steps.
+struct mode_table {
+    using rp = result_printer;
+    using st = result_printer::style;
+    using m = print_options::mode;
+    static constexpr mode_entry entries[] = {
+        {"aligned", m::aligned, nullptr, nullptr, st::aligned, nullptr, nullptr, nullptr},
+        {"ascii", m::ascii, "\x1F", "\x1E", st::plain, &rp::put_list_names, &rp::put_list_row, nullptr},
+        {"box", m::box, nullptr, nullptr, st::grid, nullptr, nullptr, &box_frame},
+        {"column", m::column, nullptr, nullptr, st::grid, nullptr, nullptr, &column_frame},
+        {"csv", m::csv, ",", "\r\n", st::plain, &rp::put_csv_names, &rp::put_csv_row, nullptr},
+        {"html", m::html, nullptr, nullptr, st::plain, &rp::put_html_names, &rp::put_html_row, nullptr},
+        {"insert", m::insert, nullptr, nullptr, st::literal, nullptr, &rp::put_insert_row, nullptr},
+        {"json", m::json, nullptr, nullptr, st::plain, nullptr, &rp::put_json_row, nullptr},
+        {"line", m::line, nullptr, nullptr, st::plain, nullptr, &rp::put_line_row, nullptr},
+        {"list", m::list, "|", "\n", st::plain, &rp::put_list_names, &rp::put_list_row, nullptr},
+        {"markdown", m::markdown, nullptr, nullptr, st::grid, nullptr, nullptr, &markdown_frame},
+        {"quote", m::quote, ",", "\n", st::literal, &rp::put_quote_names, &rp::put_list_row, nullptr},
+        {"table", m::table, nullptr, nullptr, st::grid, nullptr, nullptr, &table_frame},
+        {"tabs", m::tabs, "\t", "\n", st::plain, &rp::put_list_names, &rp::put_list_row, nullptr},
+        {"tcl", m::tcl, " ", "\n", st::plain, &rp::put_tcl_names, &rp::put_tcl_row, nullptr},
+    };
+    static const mode_entry& of(print_options::mode how) {
+        for (const mode_entry& entry : entries)
+            if (entry.how == how) return entry;
+        return entries[0];
+    }
+};
+
+bool set_mode(print_options& options, const std::string& name) {
+    for (const mode_entry& entry : mode_table::entries) {
+        if (name != entry.name) continue;
+        options.how = entry.how;
+        if (entry.separator != nullptr) options.separator = entry.separator;
+        if (entry.row_separator != nullptr) options.row_separator = entry.row_separator;
+        return true;
+    }
+    return false;
+}
+
+const char* mode_name(print_options::mode how) { return mode_table::of(how).name; }
+
+std::string mode_names() {
+    std::string names;
+    for (const mode_entry& entry : mode_table::entries) names += (names.empty() ? "" : ", ") + std::string(entry.name);
+    return names;
+}
+
 result_printer::result_printer(output& out) : out_(out) {}
 
 result_printer::result_printer(output& out, format how) : out_(out) {
-    if (how == format::csv) options_.how = print_options::mode::csv;
+    if (how == format::csv) set_mode(options_, "csv");
 }
 
 void result_printer::begin(std::vector<std::string> names) {
-    using mode = print_options::mode;
-    format_ = options_.how;
-    if (separate_ && format_ != mode::list && format_ != mode::json) out_.text() += '\n';
+    mode_ = &mode_table::of(options_.how);
+    const bool aligned = mode_->values == style::aligned;
+    if (separate_ && aligned) out_.text() += '\n';
     separate_ = true;
     open_ = true;
     names_ = std::move(names);
@@ -182,33 +390,32 @@ void result_printer::begin(std::vector<std::string> names) {
     values_.assign(columns, std::string());
     kinds_.assign(columns, kind::null);
     value_widths_.assign(columns, 0);
-    if (format_ != mode::table) {
-        if (options_.headers && format_ == mode::csv) put_csv_line(names_.data(), nullptr);
-        if (options_.headers && format_ == mode::list) put_list_line(names_.data());
-        return;
-    }
+    block_.clear();
+    in_block_ = mode_->row == nullptr;
+    if (!in_block_) return;
     widths_.assign(columns, 0);
     for (std::size_t c = 0; c < columns; ++c) widths_[c] = escape_for_table(names_[c]);
-    if (!options_.headers) widths_.assign(columns, 0);
+    if (!options_.headers && aligned) widths_.assign(columns, 0);
     has_number_.assign(columns, false);
     has_text_.assign(columns, false);
     right_.assign(columns, false);
-    block_.clear();
-    in_block_ = true;
 }
 
-void result_printer::read_row(const kiv_sqlite_handle& db) {
+void result_printer::read_row(const kiv_sqlite_handle& db, style how) {
     // One type call per cell, then one value call. Numbers are read as numbers and formatted
     // here: SQLite's conversion to text gives the same digits at a far higher cost.
     const int columns = static_cast<int>(names_.size());
-    const bool table = format_ == print_options::mode::table;
     for (int c = 0; c < columns; ++c) {
         std::string& value = values_[static_cast<std::size_t>(c)];
         kind& type = kinds_[static_cast<std::size_t>(c)];
         switch (kiv_sqlite_column_type(db, c)) {
             case SQLITE_NULL:
                 type = kind::null;
-                value.assign(options_.null_set ? options_.null_value : table ? "NULL" : "");
+                if (how == style::literal || (how == style::aligned && !options_.null_set)) {
+                    value.assign("NULL");
+                } else {
+                    value.assign(options_.null_value);
+                }
                 break;
             case SQLITE_INTEGER: {
                 char digits[24];
@@ -218,7 +425,12 @@ void result_printer::read_row(const kiv_sqlite_handle& db) {
                 break;
             }
             case SQLITE_FLOAT:
-                format_real(kiv_sqlite_column_double(db, c), value);
+                if (how == style::literal) {
+                    value.clear();
+                    append_real_literal(kiv_sqlite_column_double(db, c), value);
+                } else {
+                    format_real(kiv_sqlite_column_double(db, c), value);
+                }
                 type = kind::number;
                 break;
             case SQLITE_BLOB: {
@@ -231,7 +443,12 @@ void result_printer::read_row(const kiv_sqlite_handle& db) {
                 break;
             }
             default:
-                value = kiv_sqlite_column_text(db, c);
+                if (how == style::literal) {
+                    value.clear();
+                    append_text_literal(kiv_sqlite_column_text(db, c), value);
+                } else {
+                    value = kiv_sqlite_column_text(db, c);
+                }
                 type = kind::text;
                 break;
         }
@@ -239,24 +456,29 @@ void result_printer::read_row(const kiv_sqlite_handle& db) {
 }
 
 bool result_printer::add_row(const kiv_sqlite_handle& db) {
-    using mode = print_options::mode;
-    read_row(db);
+    read_row(db, mode_->values);
     ++rows_;
-    if (format_ != mode::table) {
-        if (format_ == mode::csv) put_csv_line(values_.data(), kinds_.data());
-        if (format_ == mode::list) put_list_line(values_.data());
-        if (format_ == mode::line) put_line_row();
-        if (format_ == mode::json) put_json_row();
+    if (mode_->row != nullptr) {
+        if (rows_ == 1 && options_.headers && mode_->names != nullptr) (this->*mode_->names)();
+        (this->*mode_->row)();
+        out_.line_done();
         if (rows_ == block_rows) out_.flush();  // the first rows out at once, as in a table
-        return !out_.closed();
+    } else if (mode_->frame != nullptr) {
+        hold_grid_row();
+    } else {
+        add_aligned_row();
     }
+    return !out_.closed();
+}
+
+void result_printer::add_aligned_row() {
     const std::size_t columns = names_.size();
     for (std::size_t c = 0; c < columns; ++c) {
         value_widths_[c] = kinds_[c] == kind::text ? escape_for_table(values_[c]) : values_[c].size();
     }
     if (!in_block_) {
         put_table_line(values_.data(), value_widths_.data());
-        return !out_.closed();
+        return;
     }
     for (std::size_t c = 0; c < columns; ++c) {
         widths_[c] = std::max(widths_[c], value_widths_[c]);
@@ -268,19 +490,52 @@ bool result_printer::add_row(const kiv_sqlite_handle& db) {
         print_block();
         out_.flush();  // the first rows out at once, before a slow query fills a chunk
     }
-    return !out_.closed();
+}
+
+namespace {
+
+// Tabs as blanks to the next multiple of eight columns, as the sqlite3 shell shows them.
+void expand_tabs(std::string& text) {
+    std::string out;
+    std::size_t column = 0;
+    for (const char ch : text) {
+        if (ch == '\t') {
+            out.append(8 - column % 8, ' ');
+            column += 8 - column % 8;
+        } else {
+            out += ch;
+            column += (static_cast<unsigned char>(ch) & 0xC0U) != 0x80U ? 1 : 0;
+        }
+    }
+    text.swap(out);
+}
+
+}  // namespace
+
+void result_printer::hold_grid_row() {
+    for (std::size_t c = 0; c < names_.size(); ++c) {
+        if (values_[c].find('\t') != std::string::npos) expand_tabs(values_[c]);
+        widths_[c] = std::max(widths_[c], escape_for_table(values_[c]));
+        block_.push_back(std::move(values_[c]));
+    }
 }
 
 bool result_printer::finish() {
     if (!open_) return false;
     open_ = false;
-    if (in_block_) print_block();
-    if (format_ == print_options::mode::json && rows_ > 0) out_.text() += "]\n";
+    if (in_block_) {
+        if (mode_->frame != nullptr) {
+            print_grid();
+        } else {
+            print_block();
+        }
+    }
+    if (mode_->how == print_options::mode::json && rows_ > 0) out_.text() += "]\n";
     return true;
 }
 
 void result_printer::put_row_count() {
-    if (format_ != print_options::mode::table) return;
+    if (mode_ == nullptr || mode_->values != style::aligned) return;
     out_.text() += '(' + std::to_string(rows_) + (rows_ == 1 ? " row)\n" : " rows)\n");
 }
 
@@ -327,33 +582,116 @@ void result_printer::put_table_line(const std::string* cells, const std::size_t*
     out_.line_done();
 }
 
-void result_printer::put_csv_line(const std::string* cells, const kind* kinds) {
-    std::string& line = out_.text();
+void result_printer::print_grid() {
     const std::size_t columns = names_.size();
-    for (std::size_t c = 0; c < columns; ++c) {
-        if (c > 0) line += ',';
-        if (kinds != nullptr && kinds[c] != kind::text) {
-            line += cells[c];
-        } else {
-            append_csv_field(line, cells[c]);
-        }
+    if (rows_ > 0) {
+        const bool names = options_.headers || !mode_->frame->optional_names;
+        put_grid_rule(0);
+        if (names) put_grid_line(names_.data(), true);
+        if (names) put_grid_rule(1);
+        for (std::size_t first = 0; first < block_.size(); first += columns) put_grid_line(&block_[first], false);
+        put_grid_rule(2);
     }
+    block_.clear();
+}
+
+void result_printer::put_grid_rule(int which) {
+    const auto& rule = mode_->frame->rules[which];
+    if (rule[0] == nullptr) return;
+    std::string& line = out_.text();
+    line += rule[0];
+    for (std::size_t c = 0; c < names_.size(); ++c) {
+        if (c > 0) line += rule[2];
+        for (std::size_t i = 0; i < widths_[c] + mode_->frame->rule_pad; ++i) line += rule[1];
+    }
+    line += rule[3];
+    line += '\n';
+}
+
+void result_printer::put_grid_line(const std::string* cells, bool names) {
+    const grid_frame& frame = *mode_->frame;
+    std::string& line = out_.text();
+    line += frame.left;
+    for (std::size_t c = 0; c < names_.size(); ++c) {
+        if (c > 0) line += frame.middle;
+        const std::size_t pad = widths_[c] - std::min(widths_[c], display_width(cells[c]));
+        const std::size_t before = names && frame.centre_names ? pad / 2 : 0;
+        line.append(before, ' ');
+        line += cells[c];
+        line.append(pad - before, ' ');
+    }
+    line += frame.right;
     line += '\n';
     out_.line_done();
 }
 
-void result_printer::put_list_line(const std::string* cells) {
+void result_printer::put_joined(const std::string* cells, void (*append)(std::string&, const std::string&)) {
     std::string& line = out_.text();
     for (std::size_t c = 0; c < names_.size(); ++c) {
-        if (c > 0) line += options_.separator;
-        line += cells[c];
+        if (c > 0) append_separator(line, options_.separator);
+        append(line, cells[c]);
     }
-    line += '\n';
-    out_.line_done();
+    append_separator(line, options_.row_separator);
+}
+
+void result_printer::put_list_names() { put_joined(names_.data(), append_plain); }
+
+void result_printer::put_list_row() { put_joined(values_.data(), append_plain); }
+
+void result_printer::put_quote_names() { put_joined(names_.data(), append_text_quoted); }
+
+void result_printer::put_tcl_names() { put_joined(names_.data(), append_c_string); }
+
+void result_printer::put_tcl_row() { put_joined(values_.data(), append_c_string); }
+
+void result_printer::put_csv_names() {
+    std::string& line = out_.text();
+    for (std::size_t c = 0; c < names_.size(); ++c) {
+        if (c > 0) append_separator(line, options_.separator);
+        append_csv_field(line, names_[c], options_.separator);
+    }
+    append_separator(line, options_.row_separator);
+}
+
+void result_printer::put_csv_row() {
+    std::string& line = out_.text();
+    const bool comma = options_.separator.size() == 1 && options_.separator[0] == ',';
+    for (std::size_t c = 0; c < names_.size(); ++c) {
+        if (c > 0) append_separator(line, options_.separator);
+        // NULL is never quoted; a number only when it holds the separator (not a comma).
+        if (kinds_[c] == kind::null || (kinds_[c] == kind::number && comma)) {
+            line += values_[c];
+        } else {
+            append_csv_field(line, values_[c], options_.separator);
+        }
+    }
+    append_separator(line, options_.row_separator);
+}
+
+void result_printer::put_html_names() {
+    std::string& text = out_.text();
+    text += "<TR>";
+    for (const auto& name : names_) {
+        text += "<TH>";
+        append_html(text, name);
+        text += "</TH>\n";
+    }
+    text += "</TR>\n";
+}
+
+void result_printer::put_html_row() {
+    std::string& text = out_.text();
+    text += "<TR>";
+    for (const auto& value : values_) {
+        text += "<TD>";
+        append_html(text, value);
+        text += "</TD>\n";
+    }
+    text += "</TR>\n";
 }
 
 void result_printer::put_line_row() {
-    std::size_t width = 0;
+    std::size_t width = 5;
     for (const auto& name : names_) width = std::max(width, display_width(name));
     std::string& text = out_.text();
     if (rows_ > 1) text += '\n';
@@ -361,31 +699,7 @@ void result_printer::put_line_row() {
         text.append(width - std::min(width, display_width(names_[c])), ' ');
         text += names_[c] + " = " + values_[c] + '\n';
     }
-    out_.line_done();
 }
-
-namespace {
-
-void append_json_string(std::string& out, const std::string& value) {
-    static const char digits[] = "0123456789abcdef";
-    out += '"';
-    for (const char ch : value) {
-        const auto c = static_cast<unsigned char>(ch);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += ch;
-        } else if (c < 0x20U) {
-            out += "\\u00";
-            out += digits[c >> 4];
-            out += digits[c & 0x0FU];
-        } else {
-            out += ch;
-        }
-    }
-    out += '"';
-}
-
-}  // namespace
 
 void result_printer::put_json_row() {
     std::string& text = out_.text();
@@ -401,7 +715,22 @@ void result_printer::put_json_row() {
         }
     }
     text += '}';
-    out_.line_done();
+}
+
+void result_printer::put_insert_row() {
+    std::string& text = out_.text();
+    text += "INSERT INTO ";
+    append_identifier(text, options_.insert_table);
+    for (std::size_t c = 0; options_.headers && c < names_.size(); ++c) {
+        text += c == 0 ? '(' : ',';
+        append_identifier(text, names_[c]);
+    }
+    text += options_.headers && !names_.empty() ? ") VALUES(" : " VALUES(";
+    for (std::size_t c = 0; c < values_.size(); ++c) {
+        if (c > 0) text += ',';
+        text += values_[c];
+    }
+    text += ");\n";
 }
 
 }  // namespace kiv_host

@@ -47,37 +47,69 @@ std::size_t display_width(const std::string& text);
 
 // How results are printed; changed by options and dot-commands, read at the start of a result.
 struct print_options {
-    enum class mode { table, csv, list, line, json };
-    mode how = mode::table;
+    enum class mode {
+        aligned,
+        ascii,
+        box,
+        column,
+        csv,
+        html,
+        insert,
+        json,
+        line,
+        list,
+        markdown,
+        quote,
+        table,
+        tabs,
+        tcl
+    };
+    mode how = mode::aligned;
     bool headers = true;
-    std::string separator = "|";  // between the columns of list mode
-    bool null_set = false;        // null_value was given; else NULL in a table, empty elsewhere
+    std::string separator = "|";       // between columns (list, csv, quote, tabs, ascii, tcl)
+    std::string row_separator = "\n";  // after each row of those modes
+    bool null_set = false;             // null_value was given; else NULL in aligned, empty elsewhere
     std::string null_value;
+    std::string insert_table = "table";  // the table named by insert mode's statements
 };
+
+// Sets the mode called `name` (as .mode and the options spell it) with the separators it
+// starts with; false when there is no such mode.
+bool set_mode(print_options& options, const std::string& name);
+// The name of a mode.
+const char* mode_name(print_options::mode how);
+// The names of all modes, comma-separated, for messages and help.
+std::string mode_names();
 
 // X'..' with two upper-case hex digits per byte, as SQLite writes blob literals.
 std::string blob_literal(const unsigned char* data, std::size_t size);
 
-// Prints the results of a run's statements, one after another, a blank line between two
-// (except in list and json mode).
-//   table: column names, a rule of dashes, then the rows, columns two blanks apart, numeric
-//          columns right-aligned. Widths and alignment come from the first `block_rows` rows;
-//          a later, wider value is printed whole and shifts the rest of its line only. NULL
-//          prints as NULL, blobs as X'hex', and control characters in names and text as \n,
-//          \r, \t or \xHH, with a backslash doubled, so that every row stays on one line.
-//   csv:   RFC 4180 with LF line ends: a header line, then one line per row; fields holding a
-//          comma, a double quote, CR or LF are quoted, quotes doubled; NULL is an empty field,
-//          blobs are X'hex'.
-//   list:  the values as they are, separated by the separator; line: one "name = value" line
-//          per column, a blank line between rows; json: an array of one object per row.
-// Headers off drops the names (and the rule) of table, csv and list.
-// Only the first block of a table is held in memory; every other row goes straight out.
+// Prints the results of a run's statements. The modes, in one table in output.cpp:
+//   aligned:  kiv_host's own table: column names, a rule of dashes, the rows, columns two
+//             blanks apart, numeric columns right-aligned, a blank line between two results.
+//             Widths and alignment come from the first `block_rows` rows; a later, wider value
+//             is printed whole and shifts the rest of its line only. NULL prints as NULL.
+//   column, box, markdown, table: the sqlite3 shell's grids, sized over the whole result
+//             (which is held until its end), names centred in box, markdown and table.
+//   list, tabs, ascii, csv, quote, tcl: one line per row, values between separators; csv
+//             quotes as the sqlite3 shell does, quote writes SQL literals, tcl C strings.
+//   line, json, html, insert: as the sqlite3 shell writes them.
+// In the aligned and grid modes control characters in names and text print as \n, \r, \t or
+// \xHH and a backslash doubled, so that every row stays on one line. Blobs print as X'hex'.
+// Headers off drops the names where the sqlite3 shell drops them (not in box, markdown,
+// table, line, json). Only the aligned mode prints anything for a result without rows.
+struct mode_entry;
+
 class result_printer {
 public:
     enum class format { table, csv };
+    // How a mode reads values: escaped onto one line (NULL as NULL, or as NULL's text), as
+    // they are, or as SQL literals.
+    enum class style { aligned, grid, plain, literal };
     static constexpr std::size_t block_rows = 1000;
 
     explicit result_printer(output& out);
+    // A printer for the library's demo: aligned (table) or csv.
     result_printer(output& out, format how);
     // Options for the results begun from now on.
     print_options& options() { return options_; }
@@ -91,31 +123,46 @@ public:
     std::size_t rows() const { return rows_; }
     // The next result is not set off from the one before by a blank line (a new prompt is).
     void start_group() { separate_ = false; }
-    // "(N rows)" after a table that was printed to its end.
+    // "(N rows)" after an aligned table that was printed to its end.
     void put_row_count();
 
 private:
+    friend struct mode_table;
     enum class kind { null, number, text };
-    void read_row(const kiv_sqlite_handle& db);
+    void read_row(const kiv_sqlite_handle& db, style how);
+    void add_aligned_row();
+    void hold_grid_row();
     void print_block();
+    void print_grid();
+    void put_grid_rule(int which);
+    void put_grid_line(const std::string* cells, bool names);
     void put_table_line(const std::string* cells, const std::size_t* widths);
-    void put_csv_line(const std::string* cells, const kind* kinds);
-    void put_list_line(const std::string* cells);
+    void put_joined(const std::string* cells, void (*append)(std::string&, const std::string&));
+    void put_list_names();
+    void put_list_row();
+    void put_csv_names();
+    void put_csv_row();
+    void put_quote_names();
+    void put_tcl_names();
+    void put_tcl_row();
+    void put_html_names();
+    void put_html_row();
     void put_line_row();
     void put_json_row();
+    void put_insert_row();
 
     output& out_;
     print_options options_;
-    print_options::mode format_ = print_options::mode::table;
-    bool separate_ = false;  // a result was printed before: a blank line first
-    bool open_ = false;      // begun and not finished
-    bool in_block_ = false;  // table rows are still being collected
+    const mode_entry* mode_ = nullptr;  // of the current result
+    bool separate_ = false;             // a result was printed before: a blank line first
+    bool open_ = false;                 // begun and not finished
+    bool in_block_ = false;             // rows are still being collected
     std::size_t rows_ = 0;
     std::vector<std::string> names_;
     std::vector<std::string> values_;  // the current row, as printed
     std::vector<kind> kinds_;
     std::vector<std::size_t> value_widths_;
-    std::vector<std::string> block_;  // the first rows of a table, row after row
+    std::vector<std::string> block_;  // the rows held back, row after row
     std::vector<std::size_t> widths_;
     std::vector<bool> has_number_;
     std::vector<bool> has_text_;

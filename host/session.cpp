@@ -40,6 +40,18 @@ bool connection::open(bool create, sql_error& error) {
     return false;
 }
 
+bool open_connection(connection& db, const open_settings& settings, sql_error& error) {
+    if (!db.open(settings.create, error)) return false;
+    sqlite3_busy_timeout(db.sqlite(), settings.timeout_ms);
+    if ((settings.readonly && !exec_sql(db.handle(), "PRAGMA query_only = 1", error)) ||
+        (!exec_sql(db.handle(), "SELECT count(*) FROM sqlite_master", error) && error.code != SQLITE_BUSY &&
+         error.code != SQLITE_LOCKED)) {
+        error.statement.clear();
+        return false;
+    }
+    return true;
+}
+
 void report_error(output& out, const std::string& path, std::size_t statement_number, const sql_error& error) {
     out.flush();
     std::cout << std::flush;

@@ -39,10 +39,24 @@ public:
     sqlite3* sqlite() const { return handle_->db; }
     // Opens with kiv_sqlite_open (create when missing) or kiv_sqlite_try_open (must exist).
     bool open(bool create, sql_error& error);
+    void swap(connection& other) noexcept { handle_.swap(other.handle_); }
 
 private:
     kiv_sqlite_handle handle_;
 };
+
+// How the host opens a database: PATH, and each .open.
+struct open_settings {
+    bool create = true;     // kiv_sqlite_open; false: kiv_sqlite_try_open
+    bool readonly = false;  // also PRAGMA query_only
+    int timeout_ms = 5000;
+};
+
+// Opens `db` with the busy timeout in force before anything touches the file, then reads the
+// schema once, so that a file that is not a database is reported before any statement runs,
+// even one like "SELECT 1" that never reads the file. A locked schema is left to the first
+// statement, which waits and reports with its number. false with `error` filled on failure.
+bool open_connection(connection& db, const open_settings& settings, sql_error& error);
 
 // Writes the error to standard error: "kiv_host: PATH: [statement N: ]SQLite error CODE: MESSAGE",
 // then the statement on a line of its own. `out` is written first.

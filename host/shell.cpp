@@ -2,10 +2,15 @@
 
 #include <editline/readline.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <memory>
 
@@ -40,6 +45,13 @@ bool is_dot_command(const char* text, std::size_t size) {
 // One line of input (with its newline): a dot-command when no statement is in progress, else
 // more SQL, whose complete statements run at once.
 void feed_line(shell& sh, statement_splitter& splitter, const char* line, std::size_t size) {
+    ++sh.line;
+    if (std::memchr(line, '\0', size) != nullptr) {
+        // SQLite would read the text only up to the NUL: refuse it rather than run a part.
+        report_failure(sh, "a NUL byte in the line; the line and the statement in progress are dropped");
+        splitter.clear();
+        return;
+    }
     if (splitter.blank() && is_dot_command(line, size)) {
         splitter.clear();
         run_dot_command(sh, std::string(line, size));
@@ -52,6 +64,29 @@ void feed_line(shell& sh, statement_splitter& splitter, const char* line, std::s
 
 void finish_input(shell& sh, statement_splitter& splitter) {
     if (!stopped(sh) && !splitter.blank()) run_sql(sh, splitter.take_rest());
+}
+
+struct cpu_time {
+    double user = 0.0;
+    double system = 0.0;
+};
+
+cpu_time cpu_time_now() {
+    struct rusage usage {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& t) {
+        return static_cast<double>(t.tv_sec) + 1e-6 * static_cast<double>(t.tv_usec);
+    };
+    return {seconds(usage.ru_utime), seconds(usage.ru_stime)};
+}
+
+// .timer's line, in the sqlite3 shell's words.
+void put_run_time(output& out, std::chrono::duration<double> real, const cpu_time& before) {
+    const cpu_time after = cpu_time_now();
+    char text[96];
+    std::snprintf(text, sizeof text, "Run Time: real %.3f user %f sys %f\n", real.count(), after.user - before.user,
+                  after.system - before.system);
+    out.text() += text;
 }
 
 std::string history_file() {
@@ -88,50 +123,88 @@ bool stopped(const shell& sh) { return sh.quit || sh.out.closed() || (sh.bail &&
 void report_failure(shell& sh, const std::string& message) {
     sh.out.flush();
     std::cout << std::flush;
-    std::cerr << "kiv_host: " << message << std::endl;
+    std::cerr << "kiv_host: ";
+    if (!sh.source.empty()) std::cerr << sh.source << ':' << sh.line << ": ";
+    std::cerr << message << std::endl;
+    ++sh.errors;
+}
+
+void replace_connection(shell& sh, connection& fresh) {
+    // Ctrl-C must not reach the connection that is about to close.
+    sqlite3* const target = interrupt_target.exchange(nullptr);
+    sh.db.swap(fresh);
+    if (target != nullptr) interrupt_target = sh.db.sqlite();
+}
+
+void check_output(shell& sh) {
+    if (!sh.to_file || sh.out.redirected()) return;
+    sh.to_file = false;
     ++sh.errors;
 }
 
 bool run_sql(shell& sh, const std::string& statement) {
     const std::size_t number = ++sh.statements;
     sql_error error;
+    using clock = std::chrono::steady_clock;
+    const clock::time_point started = sh.timer ? clock::now() : clock::time_point();
+    const cpu_time used = sh.timer ? cpu_time_now() : cpu_time{};
     const bool ok = run_statement(sh.db.handle(), statement, sh.printer, error);
     if (sh.printer.finish() && ok) sh.printer.put_row_count();
     if (!ok) {
-        report_error(sh.out, sh.path, number, error);
+        std::string where = sh.path;
+        if (sh.name_lines) {
+            // The line the statement begins on: the current line less the line ends inside it.
+            const std::string shown = statement_for_display(statement);
+            const auto ends = static_cast<std::size_t>(std::count(shown.begin(), shown.end(), '\n'));
+            where = sh.source + ':' + std::to_string(sh.line > ends ? sh.line - ends : sh.line);
+        }
+        report_error(sh.out, where, number, error);
         ++sh.errors;
     } else if (sh.changes) {
         sh.out.text() += "changes: " + std::to_string(sqlite3_changes(sh.db.sqlite())) +
                          "   total_changes: " + std::to_string(sqlite3_total_changes(sh.db.sqlite())) + '\n';
     }
+    if (sh.timer) put_run_time(sh.out, clock::now() - started, used);
     sh.out.flush();
+    check_output(sh);
     if (sh.once) {
         sh.once = false;
+        sh.to_file = false;
         sh.out.redirect(nullptr);
         sh.printer.start_group();
     }
     return ok;
 }
 
-bool run_argument(shell& sh, const std::string& text) {
-    const std::size_t errors = sh.errors;
-    if (is_dot_command(text.data(), text.size())) return run_dot_command(sh, text);
+void run_argument(shell& sh, const std::string& text) {
+    if (is_dot_command(text.data(), text.size())) {
+        run_dot_command(sh, text);
+        return;
+    }
     for (const auto& statement : split_statements(text)) {
         if (stopped(sh)) break;
         run_sql(sh, statement);
     }
-    return sh.errors == errors;
 }
 
-void run_stream(shell& sh, std::FILE* in) {
+void run_stream(shell& sh, std::FILE* in, const std::string& name) {
+    sh.source = name;
+    sh.line = 0;
     statement_splitter splitter;
     char* buffer = nullptr;
     std::size_t capacity = 0;
     ssize_t size = 0;
+    errno = 0;
     while (!stopped(sh) && (size = ::getline(&buffer, &capacity, in)) >= 0) {
         feed_line(sh, splitter, buffer, static_cast<std::size_t>(size));
     }
+    const int error = errno;
     std::free(buffer);
+    if (size < 0 && std::ferror(in) != 0) {
+        // A directory, or a device that failed: what was read so far has run, the rest is lost.
+        report_failure(sh, std::string("read error: ") + std::strerror(error != 0 ? error : EIO));
+        splitter.clear();
+    }
     finish_input(sh, splitter);
 }
 

@@ -3,7 +3,6 @@
 #include <sqlite3.h>
 
 #include <cctype>
-#include <cstring>
 #include <string_view>
 
 namespace kiv_host {
@@ -16,14 +15,15 @@ bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0;
 // when `skip_semicolons`). An unterminated block comment runs to the end, as SQLite reads it.
 std::size_t skip_filler(const char* text, std::size_t n, std::size_t pos, bool skip_semicolons) {
     while (pos < n) {
-        if (is_space(text[pos]) || (skip_semicolons && text[pos] == ';')) {
+        const std::string_view rest(text + pos, n - pos);
+        if (is_space(rest[0]) || (skip_semicolons && rest[0] == ';')) {
             ++pos;
-        } else if (pos + 1 < n && text[pos] == '-' && text[pos + 1] == '-') {
-            const void* eol = std::memchr(text + pos, '\n', n - pos);
-            pos = eol == nullptr ? n : static_cast<std::size_t>(static_cast<const char*>(eol) - text) + 1;
-        } else if (pos + 1 < n && text[pos] == '/' && text[pos + 1] == '*') {
-            const std::size_t end = std::string_view(text, n).find("*/", pos + 2);
-            pos = end == std::string_view::npos ? n : end + 2;
+        } else if (rest.compare(0, 2, "--") == 0) {
+            const std::size_t eol = rest.find('\n');
+            pos = eol == std::string_view::npos ? n : pos + eol + 1;
+        } else if (rest.compare(0, 2, "/*") == 0) {
+            const std::size_t end = rest.find("*/", 2);
+            pos = end == std::string_view::npos ? n : pos + end + 2;
         } else {
             break;
         }
@@ -31,27 +31,25 @@ std::size_t skip_filler(const char* text, std::size_t n, std::size_t pos, bool s
     return pos;
 }
 
-// Compacting only once the consumed part is large keeps the copying linear overall.
-constexpr std::size_t compact_at = 64 * 1024;
-
 }  // namespace
 
 void statement_splitter::add(const char* text, std::size_t size) {
-    if (start_ >= compact_at && start_ * 2 >= pending_.size()) {
-        pending_.erase(0, start_);
-        pos_ -= start_;
-        start_ = 0;
-    }
+    // What was handed out goes before more text comes. Only the statement in progress moves,
+    // once: after that it starts at 0 and stays there until it is complete.
+    pending_.erase(0, start_);
+    pos_ -= start_;
+    start_ = 0;
     pending_.append(text, size);
 }
 
 bool statement_splitter::at_statement_end(std::size_t semicolon) {
-    // sqlite3_complete() reads up to a NUL: one is put after the semicolon for the call.
+    // sqlite3_complete() reads up to a NUL: one is put after the semicolon for the call (at the
+    // end of the text, the string's own terminator is that NUL, and may be written as one).
     const std::size_t end = semicolon + 1;
-    const char saved = end < pending_.size() ? pending_[end] : '\0';
-    if (end < pending_.size()) pending_[end] = '\0';
+    const char saved = pending_[end];
+    pending_[end] = '\0';
     const bool complete = sqlite3_complete(pending_.c_str() + start_) != 0;
-    if (end < pending_.size()) pending_[end] = saved;
+    pending_[end] = saved;
     return complete;
 }
 
@@ -60,9 +58,6 @@ bool statement_splitter::next(std::string& statement) {
     const char* const text = pending_.data();
     while (pos_ < n) {
         const char c = text[pos_];
-        // A two-character token may be cut at the end of a piece: wait for the next one.
-        const bool may_pair = state_ == state::code ? c == '-' || c == '/' : state_ == state::block_comment && c == '*';
-        if (may_pair && pos_ + 1 == n) return false;
         switch (state_) {
             case state::code:
                 if (c == '\'') state_ = state::single_quote;
@@ -89,7 +84,6 @@ bool statement_splitter::next(std::string& statement) {
                 break;
             case state::block_comment:
                 if (c == '*' && text[pos_ + 1] == '/') enter(state::code);
-                break;
         }
         ++pos_;
         if (c != ';' || state_ != state::code || !at_statement_end(pos_ - 1)) continue;

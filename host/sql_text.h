@@ -17,6 +17,8 @@ namespace kiv_host {
 // at its end: the cost grows with the input, not with the number of semicolons in a literal.
 class statement_splitter {
 public:
+    // A piece ends at a line end (or ends the text): no two-character token (--, /*, */) is
+    // cut in two. At the end of the text, the string's NUL stands for the character after.
     void add(const char* text, std::size_t size);
     void add(const std::string& text) { add(text.data(), text.size()); }
     // The next complete statement, with its semicolon, into `statement`; false when none is

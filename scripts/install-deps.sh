@@ -15,7 +15,7 @@ pkgs=""
 for group in "$@"; do
   case $group in
     run) pkgs="$pkgs g++ cmake ninja-build make pkg-config libboost-dev libsqlite3-dev libedit-dev" ;;
-    test) pkgs="$pkgs binutils libgtest-dev libgmock-dev valgrind clang $(clang_rt) tmux" ;;
+    test) pkgs="$pkgs binutils libgtest-dev libgmock-dev valgrind clang $(clang_rt) tmux sqlite3" ;;
     bench) pkgs="$pkgs libbenchmark-dev libsqlitecpp-dev gnuplot-nox python3 sqlite3 time valgrind" ;;
     # CPack's DEB generator needs dpkg-dev and file; help2man writes kiv_host's manual page.
     package) pkgs="$pkgs dpkg-dev file help2man lintian" ;;
