@@ -59,6 +59,7 @@ E
 # The first 1000 rows of a slow result leave at once, not when 64 KB are full: here the query
 # finds no row after them and runs until it is stopped.
 for mode in aligned list csv; do
+  rm -f out  # the background run creates it anew, maybe after the first look below
   "$host" "-$mode" :memory: "WITH RECURSIVE c(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM c)
     SELECT i FROM c WHERE i <= 1000 OR i < 0" >out 2>/dev/null & pid=$!
   i=0; while [ $i -lt 100 ] && ! grep -q '1000' out; do sleep 0.1; i=$((i + 1)); done
