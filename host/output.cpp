@@ -408,10 +408,14 @@ void result_printer::read_row(const kiv_sqlite_handle& db, style how) {
     for (int c = 0; c < columns; ++c) {
         std::string& value = values_[static_cast<std::size_t>(c)];
         kind& type = kinds_[static_cast<std::size_t>(c)];
+        if (how == style::literal) {  // quote and insert, which need no kinds
+            value = sql_literal(db, c);
+            continue;
+        }
         switch (kiv_sqlite_column_type(db, c)) {
             case SQLITE_NULL:
                 type = kind::null;
-                if (how == style::literal || (how == style::aligned && !options_.null_set)) {
+                if (how == style::aligned && !options_.null_set) {
                     value.assign("NULL");
                 } else {
                     value.assign(options_.null_value);
@@ -425,12 +429,7 @@ void result_printer::read_row(const kiv_sqlite_handle& db, style how) {
                 break;
             }
             case SQLITE_FLOAT:
-                if (how == style::literal) {
-                    value.clear();
-                    append_real_literal(kiv_sqlite_column_double(db, c), value);
-                } else {
-                    format_real(kiv_sqlite_column_double(db, c), value);
-                }
+                format_real(kiv_sqlite_column_double(db, c), value);
                 type = kind::number;
                 break;
             case SQLITE_BLOB: {
@@ -443,12 +442,7 @@ void result_printer::read_row(const kiv_sqlite_handle& db, style how) {
                 break;
             }
             default:
-                if (how == style::literal) {
-                    value.clear();
-                    append_text_literal(kiv_sqlite_column_text(db, c), value);
-                } else {
-                    value = kiv_sqlite_column_text(db, c);
-                }
+                value = kiv_sqlite_column_text(db, c);
                 type = kind::text;
                 break;
         }
