@@ -44,14 +44,9 @@ std::string sql_literal(const kiv_sqlite_handle& db, int column) {
         case SQLITE_FLOAT:
             append_real_literal(kiv_sqlite_column_double(db, column), out);
             break;
-        case SQLITE_BLOB: {
-            unsigned char* data = nullptr;
-            int size = 0;
-            kiv_sqlite_column_blob(db, column, data, size);
-            const std::unique_ptr<unsigned char, decltype(&std::free)> owned(data, &std::free);
-            out = blob_literal(data, size > 0 ? static_cast<std::size_t>(size) : 0);
+        case SQLITE_BLOB:
+            out = column_blob_literal(db, column);
             break;
-        }
         default:
             append_text_literal(kiv_sqlite_column_text(db, column), out);
             break;

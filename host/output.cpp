@@ -22,6 +22,16 @@ namespace kiv_host {
 
 namespace {
 
+// "text" with its double quotes doubled: a CSV field, an SQL name.
+void append_double_quoted(std::string& out, const std::string& text) {
+    out += '"';
+    for (const char ch : text) {
+        if (ch == '"') out += '"';
+        out += ch;
+    }
+    out += '"';
+}
+
 // Large enough that a pipe sees few writes, small enough that the first rows leave at once.
 constexpr std::size_t pipe_chunk = 64 * 1024;
 
@@ -155,6 +165,14 @@ std::string blob_literal(const unsigned char* data, std::size_t size) {
     return out;
 }
 
+std::string column_blob_literal(const kiv_sqlite_handle& db, int column) {
+    unsigned char* data = nullptr;
+    int size = 0;
+    kiv_sqlite_column_blob(db, column, data, size);
+    const std::unique_ptr<unsigned char, decltype(&std::free)> owned(data, &std::free);
+    return blob_literal(data, size > 0 ? static_cast<std::size_t>(size) : 0);
+}
+
 namespace {
 
 // One-character separators as a character: an append of a string costs a call, per field.
@@ -176,16 +194,11 @@ void append_csv_field(std::string& line, const std::string& value, const std::st
         quote = c <= 0x20U || c >= 0x7FU || c == '"' || c == '\'' ||
                 (value[i] == first && value.compare(i, separator.size(), separator) == 0);
     }
-    if (!quote) {
+    if (quote) {
+        append_double_quoted(line, value);
+    } else {
         line += value;
-        return;
     }
-    line += '"';
-    for (const char ch : value) {
-        if (ch == '"') line += '"';
-        line += ch;
-    }
-    line += '"';
 }
 
 void append_json_string(std::string& out, const std::string& value) {
@@ -275,14 +288,9 @@ void append_identifier(std::string& out, const std::string& name) {
                        sqlite3_keyword_check(name.data(), static_cast<int>(name.size())) == 0;
     if (plain) {
         out += name;
-        return;
+    } else {
+        append_double_quoted(out, name);
     }
-    out += '"';
-    for (const char ch : name) {
-        if (ch == '"') out += '"';
-        out += ch;
-    }
-    out += '"';
 }
 
 // The lines around and between the cells of a grid mode.
@@ -432,15 +440,10 @@ void result_printer::read_row(const kiv_sqlite_handle& db, style how) {
                 format_real(kiv_sqlite_column_double(db, c), value);
                 type = kind::number;
                 break;
-            case SQLITE_BLOB: {
-                unsigned char* data = nullptr;
-                int size = 0;
-                kiv_sqlite_column_blob(db, c, data, size);
-                const std::unique_ptr<unsigned char, decltype(&std::free)> owned(data, &std::free);
-                value = blob_literal(data, size > 0 ? static_cast<std::size_t>(size) : 0);
+            case SQLITE_BLOB:
+                value = column_blob_literal(db, c);
                 type = kind::text;
                 break;
-            }
             default:
                 value = kiv_sqlite_column_text(db, c);
                 type = kind::text;
@@ -662,24 +665,18 @@ void result_printer::put_csv_row() {
     append_separator(line, options_.row_separator);
 }
 
-void result_printer::put_html_names() {
-    std::string& text = out_.text();
-    text += "<TR>";
-    for (const auto& name : names_) {
-        text += "<TH>";
-        append_html(text, name);
-        text += "</TH>\n";
-    }
-    text += "</TR>\n";
-}
+void result_printer::put_html_names() { put_html_cells(names_, "TH"); }
 
-void result_printer::put_html_row() {
+void result_printer::put_html_row() { put_html_cells(values_, "TD"); }
+
+// One <TR> of cells, each on a line of its own as the sqlite3 shell writes them.
+void result_printer::put_html_cells(const std::vector<std::string>& cells, const char* tag) {
     std::string& text = out_.text();
     text += "<TR>";
-    for (const auto& value : values_) {
-        text += "<TD>";
-        append_html(text, value);
-        text += "</TD>\n";
+    for (const auto& cell : cells) {
+        text.append("<").append(tag).append(">");
+        append_html(text, cell);
+        text.append("</").append(tag).append(">\n");
     }
     text += "</TR>\n";
 }

@@ -83,6 +83,8 @@ std::string mode_names();
 
 // X'..' with two upper-case hex digits per byte, as SQLite writes blob literals.
 std::string blob_literal(const unsigned char* data, std::size_t size);
+// The blob in column `column` of the current row of `db`'s statement, as blob_literal writes it.
+std::string column_blob_literal(const kiv_sqlite_handle& db, int column);
 
 // Prints the results of a run's statements. The modes, in one table in output.cpp:
 //   aligned:  kiv_host's own table: column names, a rule of dashes, the rows, columns two
@@ -147,6 +149,7 @@ private:
     void put_tcl_row();
     void put_html_names();
     void put_html_row();
+    void put_html_cells(const std::vector<std::string>& cells, const char* tag);
     void put_line_row();
     void put_json_row();
     void put_insert_row();
