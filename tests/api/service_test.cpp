@@ -73,14 +73,18 @@ TEST(HostProcess, ExitEndsAndQueuedCommitsLand) {
              std::thread([] { kiv_test::pump_until({}, [] { return started.load(); }), std::exit(4); }).detach();
          },
          "1,2", ""},
+        // Handed over from a job, so that the exit comes only after the insert behind it is queued.
         {"a library job", 5,
          [](auto insert) {
-             kiv_database_exec(insert(1), __FILE__, __LINE__),
-                 kiv_database_exec([] { std::exit(5); }, __FILE__, __LINE__);
-             kiv_database_exec(insert(2), __FILE__, __LINE__);
+             kiv_database_exec(
+                 [=] {
+                     kiv_database_exec(insert(1), __FILE__, __LINE__),
+                         kiv_database_exec([] { std::exit(5); }, __FILE__, __LINE__);
+                     kiv_database_exec(insert(2), __FILE__, __LINE__);
+                 },
+                 __FILE__, __LINE__);
          },
          "1,2", ""},
-        // Both handed over from a job, so that the exit comes only after the insert is queued.
         {"a job of the host's", 6,
          [&](auto insert) {
              kiv_database_exec([=] { foreign([] { std::exit(6); }), kiv_database_exec(insert(1), __FILE__, __LINE__); },
