@@ -52,7 +52,6 @@ struct queued_job {
     unsigned long long seq = 0;
     queued_job* prev = nullptr;
     queued_job* next = nullptr;
-    bool listed = false;
     ~queued_job();
 };
 
@@ -95,13 +94,11 @@ thread_local int running_here = 0;
 void unlist(queued_job& job) {
     (job.prev != nullptr ? job.prev->next : state->first) = job.next;
     (job.next != nullptr ? job.next->prev : state->last) = job.prev;
-    job.prev = job.next = nullptr;
-    job.listed = false;
 }
 
 queued_job::~queued_job() {
     const std::lock_guard<std::mutex> guard(state->work_mutex);
-    if (listed) unlist(*this);
+    if (prev != nullptr || state->first == this) unlist(*this);  // not when listing it failed
 }
 
 // database_mutex around a call into the thread service. What the thread service destroys of the
@@ -201,7 +198,7 @@ private:
     // The exiting thread runs it: kept from dying with the thread service's copies.
     void leave_for_exit() const {
         const std::lock_guard<std::mutex> guard(state->work_mutex);
-        if (!shared_->listed) return;
+        if (!shared_->function) return;  // run already
         try {
             state->left_for_exit.push_back(shared_);
         } catch (const std::bad_alloc&) {  // lost, as it would be on a core that drops it
@@ -209,7 +206,7 @@ private:
     }
 };
 
-// Lists a new job; it leaves the list when it starts, or when the thread service lets go of
+// Lists a new job; it leaves the list when the thread service lets go of
 // every copy unrun.
 std::function<void()> forward_job(std::function<void()>&& function, bool destroy_job) {
     if (!function) return {};  // an empty function is the thread service's to handle
@@ -221,7 +218,6 @@ std::function<void()> forward_job(std::function<void()>&& function, bool destroy
     job->prev = state->last;
     (state->last != nullptr ? state->last->next : state->first) = job.get();
     state->last = job.get();
-    job->listed = true;
     return forwarded_job(std::move(job));
 }
 
@@ -246,8 +242,7 @@ void run_queued_work_at_exit() {
         while (job != nullptr && (!job->function || (job->seq >= queued_before && !job->destroy_job))) job = job->next;
         if (job == nullptr) break;
         std::function<void()> work;
-        work.swap(job->function);
-        unlist(*job);
+        work.swap(job->function);  // the job stays listed, empty, until it dies
         lock.unlock();
         ++running_here;
         try {

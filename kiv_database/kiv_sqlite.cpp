@@ -220,13 +220,9 @@ int _kiv_sqlite::open_with(int flags) {
 }
 
 void _kiv_sqlite::close() {
-    close_connection(__LINE__);
-    kiv_database_unregister_sqlite(self_handle(*this));
-}
-
-void _kiv_sqlite::close_connection(int line) {
-    check_db(line);
+    check_db(__LINE__);
     release_connection();
+    kiv_database_unregister_sqlite(self_handle(*this));
 }
 
 // No check and no allocation: for the destructor, and for a destroy job whose close failed.

@@ -134,7 +134,6 @@ public:
 
 private:
     KIV_DATABASE_LOCAL int open_with(int flags);
-    KIV_DATABASE_LOCAL void close_connection(int line);
     KIV_DATABASE_LOCAL void check_db(int line);
     KIV_DATABASE_LOCAL void check_statement(int line);
     KIV_DATABASE_LOCAL void check_no_db(int line);
